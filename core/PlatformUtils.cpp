@@ -1,0 +1,218 @@
+// System strings, task memory, identifier text and text conversion.
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <new>
+
+#include "coreInternal.h"
+
+long CComPlatformUtils::s_nAllocs = 0;
+long CComPlatformUtils::s_nFrees = 0;
+
+namespace {
+
+// The length prefix stands in the 8 bytes before the first character.
+const size_t kPrefixSize = sizeof(uint64_t);
+
+// Block sizes are computed in 32-bit signed arithmetic; anything larger than
+// that is refused rather than allocated at a wrong size.
+const unsigned long kMaxBlock = INT32_MAX;
+
+unsigned char* BlockOf(const wchar_t* s) {
+    return reinterpret_cast<unsigned char*>(const_cast<wchar_t*>(s)) - kPrefixSize;
+}
+
+uint64_t PrefixOf(const wchar_t* s) {
+    uint64_t prefix;
+    std::memcpy(&prefix, BlockOf(s), kPrefixSize);
+    return prefix;
+}
+
+// Allocates prefix + payload + terminator, stores `byteLength` in the prefix
+// and returns the payload; null when the block is too large or malloc fails.
+unsigned char* AllocBlock(unsigned long payload, uint64_t byteLength) {
+    const unsigned long overhead = kPrefixSize + sizeof(wchar_t);
+    if (payload > kMaxBlock - overhead) return nullptr;
+    unsigned char* block = static_cast<unsigned char*>(std::malloc(payload + overhead));
+    if (!block) return nullptr;
+    std::memcpy(block, &byteLength, kPrefixSize);
+    return block + kPrefixSize;
+}
+
+}  // namespace
+
+wchar_t* CComPlatformUtils::COM_SysAllocString(const wchar_t* text) {
+    if (!text) return nullptr;
+    return COM_SysAllocStringLen(text, std::wcslen(text));
+}
+
+wchar_t* CComPlatformUtils::COM_SysAllocStringLen(const wchar_t* text, unsigned long count) {
+    if (count > kMaxBlock / sizeof(wchar_t)) return nullptr;
+    const unsigned long bytes = count * sizeof(wchar_t);
+    unsigned char* payload = AllocBlock(bytes, bytes);
+    if (!payload) return nullptr;
+    wchar_t* s = reinterpret_cast<wchar_t*>(payload);
+    if (text) std::memcpy(s, text, bytes);
+    s[count] = L'\0';
+    return s;
+}
+
+wchar_t* CComPlatformUtils::COM_SysAllocStringByteLen(const unsigned char* bytes,
+                                                      unsigned long count) {
+    if (count > kMaxBlock) return nullptr;
+    const unsigned long rounded = (count + 3) & ~3UL;
+    unsigned char* payload = AllocBlock(rounded, count);
+    if (!payload) return nullptr;
+    if (bytes) std::memcpy(payload, bytes, count);
+    // A single zero byte at the rounded end; the padding before it and the
+    // three bytes after it are left as they are.
+    payload[rounded] = 0;
+    return reinterpret_cast<wchar_t*>(payload);
+}
+
+int CComPlatformUtils::COM_SysReAllocStringLen(wchar_t** target, const wchar_t* text,
+                                               unsigned long count) {
+    // An empty request fails by design.
+    if (!text || count == 0 || !target) return 0;
+    wchar_t* fresh = COM_SysAllocStringLen(text, count);
+    if (!fresh) return 0;
+    wchar_t* old = *target;
+    *target = fresh;
+    COM_SysFreeString(old);
+    return 1;
+}
+
+int CComPlatformUtils::COM_SysReAllocString(wchar_t** target, const wchar_t* text) {
+    if (!text || !target) return 0;
+    return COM_SysReAllocStringLen(target, text, std::wcslen(text));
+}
+
+int CComPlatformUtils::COM_SysFreeString(wchar_t* s) {
+    if (s) std::free(BlockOf(s));
+    return 1;
+}
+
+unsigned long CComPlatformUtils::COM_SysStringLen(wchar_t* s) {
+    return s ? PrefixOf(s) / sizeof(wchar_t) : 0;
+}
+
+unsigned int CComPlatformUtils::COM_SysStringByteLen(wchar_t* s) {
+    return s ? static_cast<unsigned int>(PrefixOf(s)) : 0;
+}
+
+int CComPlatformUtils::COM_TaskMemAlloc(unsigned long size, void** out) {
+    if (!out) return 1;
+    *out = std::malloc(size);
+    return *out ? 0 : 1;
+}
+
+int CComPlatformUtils::COM_TaskMemFree(void* p) {
+    std::free(p);
+    return 0;
+}
+
+HRESULT CComPlatformUtils::COM_GetSysStats(long* allocs, long* frees) {
+    if (allocs) *allocs = s_nAllocs;
+    if (frees) *frees = s_nFrees;
+    return S_OK;
+}
+
+HRESULT CComPlatformUtils::COM_ResetSysStats() {
+    s_nAllocs = 0;
+    s_nFrees = 0;
+    return S_OK;
+}
+
+HRESULT CComPlatformUtils::COM_CLSIDToString(const COM_GUID& id, wchar_t** text) {
+    if (!text) return E_POINTER;
+    char narrow[40];
+    std::snprintf(narrow, sizeof narrow, "_%08X-%04X-%04x-%02X%02X-%02X%02X%02X%02X%02X%02X_",
+                  id.Data1, id.Data2, id.Data3, id.Data4[0], id.Data4[1], id.Data4[2],
+                  id.Data4[3], id.Data4[4], id.Data4[5], id.Data4[6], id.Data4[7]);
+    wchar_t wide[sizeof narrow];
+    wide[WidenMultibyte(narrow, sizeof narrow, wide)] = L'\0';
+    *text = COM_SysAllocString(wide);
+    return *text ? S_OK : E_OUTOFMEMORY;
+}
+
+HRESULT CComPlatformUtils::COM_StringToCLSID(const wchar_t* text, COM_GUID* id) {
+    if (!id || !text) return E_POINTER;
+    COM_GUID result;
+    int pos = 0;
+    if (text[pos++] != L'_') return E_INVALIDARG;
+    if (!GetHex(text, pos, 8, result.Data1)) return E_INVALIDARG;
+    if (text[pos++] != L'-' || !GetHex(text, pos, 4, result.Data2)) return E_INVALIDARG;
+    if (text[pos++] != L'-' || !GetHex(text, pos, 4, result.Data3)) return E_INVALIDARG;
+    if (text[pos++] != L'-') return E_INVALIDARG;
+    for (int i = 0; i < 8; ++i) {
+        if (i == 2 && text[pos++] != L'-') return E_INVALIDARG;
+        if (!GetHex(text, pos, 2, result.Data4[i])) return E_INVALIDARG;
+    }
+    // Characters after the closing underscore are not examined.
+    if (text[pos] != L'_') return E_INVALIDARG;
+    *id = result;
+    return S_OK;
+}
+
+HRESULT CComPlatformUtils::COM_GenerateCLSID(COM_GUID*) {
+    // Components are given fixed identifiers at build time.
+    return E_NOTIMPL;
+}
+
+size_t WidenMultibyte(const char* text, size_t count, wchar_t* out) {
+    std::mbtowc(nullptr, nullptr, 0);
+    size_t written = 0;
+    size_t used = 0;
+    while (used < count) {
+        int n = std::mbtowc(&out[written], text + used, count - used);
+        if (n < 0) throw std::bad_alloc();
+        if (n == 0) break;
+        used += n;
+        ++written;
+    }
+    return written;
+}
+
+void AppendWidened(std::wstring& out, const char* text) {
+    const size_t length = std::strlen(text);
+    const size_t start = out.size();
+    out.resize(start + length);
+    out.resize(start + WidenMultibyte(text, length, &out[start]));
+}
+
+std::string NarrowWide(const wchar_t* text) {
+    std::string out;
+    char buffer[MB_LEN_MAX];
+    std::wctomb(nullptr, L'\0');
+    for (; *text; ++text) {
+        int n = std::wctomb(buffer, *text);
+        if (n < 0) throw std::bad_alloc();
+        out.append(buffer, n);
+    }
+    return out;
+}
+
+const char* SystemErrorMessage(int number) {
+    // strerror always answers, with a made-up text for unknown numbers; the
+    // number has a text of its own only when the system knows its name.
+    return strerrorname_np(number) ? std::strerror(number) : nullptr;
+}
+
+void AppendSystemErrorText(std::wstring& out, long number) {
+    if (const char* message = SystemErrorMessage(static_cast<int>(number))) {
+        AppendWidened(out, message);
+        return;
+    }
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%li", number);
+    out += L"Unknown Exception";
+    AppendWidened(out, digits);
+}
+
+std::wstring a2wStr(const char* text, unsigned long count, int) {
+    std::unique_ptr<wchar_t[]> buffer(new wchar_t[count]());
+    WidenMultibyte(text, count, buffer.get());
+    return std::wstring(buffer.get(), count);
+}

@@ -9,5 +9,6 @@
 #include "comRegistry.h"
 #include "comModule.h"
 #include "comException.h"
+#include "comMemory.h"
 
 #endif

@@ -216,3 +216,72 @@ std::wstring a2wStr(const char* text, unsigned long count, int) {
     WidenMultibyte(text, count, buffer.get());
     return std::wstring(buffer.get(), count);
 }
+
+namespace {
+
+// The operating system's error numbers, rendered by the system itself.
+const unsigned kFacilitySystemErrors = 98;
+// Up to here the built-in table knows the facilities; above, components do.
+const unsigned kLastTableFacility = 99;
+
+unsigned FacilityOf(int hr) { return (static_cast<uint32_t>(hr) >> 16) & 0x1FFF; }
+
+// Hands `content` to the caller as a new system string.
+HRESULT StoreText(const std::wstring& content, wchar_t** text, HRESULT result) {
+    *text = COM_SysAllocStringLen(content.data(), content.size());
+    return *text ? result : E_OUTOFMEMORY;
+}
+
+// The built-in table's text. S_FALSE tells the caller that the text is the
+// library's generic one.
+HRESULT StoreTableText(int hr, wchar_t** text) {
+    try {
+        return StoreText(COM_HRESULT_Expansion(hr), text, S_FALSE);
+    } catch (const std::bad_alloc&) {
+        *text = nullptr;
+        return E_OUTOFMEMORY;
+    }
+}
+
+// The system's own text for the error number in the low 16 bits, without
+// the bracketed code the table would add.
+HRESULT StoreSystemText(int hr, wchar_t** text) {
+    try {
+        std::wstring message;
+        AppendSystemErrorText(message, hr & 0xFFFF);
+        return StoreText(message, text, S_OK);
+    } catch (const std::bad_alloc&) {
+        *text = nullptr;
+        return E_OUTOFMEMORY;
+    }
+}
+
+// Codes of the higher facilities go to the decoder registered for the
+// facility, found through the moniker "hresult:<facility in hexadecimal>".
+HRESULT DecodeByRegisteredDecoder(int hr, wchar_t** text) {
+    wchar_t name[24];
+    std::swprintf(name, sizeof name / sizeof name[0], L"hresult:%X", FacilityOf(hr));
+    unsigned long eaten = 0;
+    utlAutoIf<COM_IMoniker, &COM_IID_IMoniker> moniker;
+    HRESULT result = COM_MkParseName(name, &eaten, moniker.Out());
+    if (FAILED(result)) return result;
+    const unsigned long length = std::wcslen(name);
+    utlAutoIf<COM_IDecodeHResult, &COM_IID_IDecodeHResult> decoder;
+    result = moniker->BindToObject(name + (eaten < length ? eaten : length),
+                                   COM_IID_IDecodeHResult, decoder.OutVoid());
+    if (FAILED(result)) return result;
+    // The binder has no decoder to offer: the generic text stands in.
+    if (result == S_FALSE) return StoreTableText(hr, text);
+    // Decoders always see flags 0, whatever the caller passed.
+    return decoder->DecodeHResult(hr, 0, text);
+}
+
+}  // namespace
+
+HRESULT CComPlatformUtils::COM_DecodeHRESULT(int hr, unsigned int, wchar_t** text) {
+    if (!text) return E_POINTER;
+    const unsigned facility = FacilityOf(hr);
+    if (facility == kFacilitySystemErrors) return StoreSystemText(hr, text);
+    if (facility <= kLastTableFacility) return StoreTableText(hr, text);
+    return DecodeByRegisteredDecoder(hr, text);
+}

@@ -47,6 +47,50 @@ HRESULT COM_StringToCLSID(const wchar_t* text, COM_GUID* id) {
     return CComPlatformUtils::COM_StringToCLSID(text, id);
 }
 HRESULT COM_GenerateCLSID(COM_GUID* id) { return CComPlatformUtils::COM_GenerateCLSID(id); }
+HRESULT COM_DecodeHRESULT(int hr, unsigned int flags, wchar_t** text) {
+    return CComPlatformUtils::COM_DecodeHRESULT(hr, flags, text);
+}
 }
 
 void COM_RegisterExitHandler(void (*)(), int) {}
+
+extern "C" {
+
+HRESULT COM_CreateInstance(const COM_GUID& clsid, COM_IUnknown* outer, const COM_GUID& iid,
+                           void** out) {
+    return CComClassFactory::CreateInstance(clsid, outer, iid, out);
+}
+HRESULT COM_GetClassFactory(const COM_GUID& clsid, void** factory) {
+    return CComClassFactory::GetClassFactory(clsid, factory);
+}
+HRESULT COM_GetCLSIDFromProgID(wchar_t* progId, COM_GUID* clsid) {
+    return CComClassFactory::GetCLSIDFromProgID(progId, clsid);
+}
+HRESULT COM_GetProgIDFromClsid(const COM_GUID& clsid, wchar_t** progId) {
+    return CComClassFactory::GetProgIDFromClsid(clsid, progId);
+}
+HRESULT COM_GetDisplayNameFromClsid(const COM_GUID& clsid, wchar_t** name) {
+    return CComClassFactory::GetDisplayNameFromClsid(clsid, name);
+}
+HRESULT COM_GetDescriptionFromClsid(const COM_GUID& clsid, wchar_t** description) {
+    return CComClassFactory::GetDescriptionFromClsid(clsid, description);
+}
+HRESULT COM_MkParseName(wchar_t* name, unsigned long* eaten, COM_IMoniker** moniker) {
+    return CComClassFactory::MkParseName(name, eaten, moniker);
+}
+
+HRESULT COM_GetService(const COM_GUID& guidService, unsigned int context, const COM_GUID& riid,
+                       void** ppv) {
+    // Made on first use and kept to the end of the process, with its services.
+    if (!g_pServiceCollection) g_pServiceCollection = new (std::nothrow) CServiceCollection;
+    if (!g_pServiceCollection) return E_OUTOFMEMORY;
+    return g_pServiceCollection->GetService(guidService, context, riid, ppv);
+}
+
+HRESULT GetClassObject(const COM_GUID& clsid, const COM_GUID& iid, void** out) {
+    return CComClassFactory::StaticGetClassObject(clsid, iid, out);
+}
+HRESULT CanUnloadNow() { return g_theModule.CanUnloadNow(); }
+HRESULT DllRegisterServer() { return g_theModule.RegisterServer(1); }
+HRESULT DllUnregisterServer() { return g_theModule.RegisterServer(0); }
+}

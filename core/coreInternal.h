@@ -3,6 +3,7 @@
 #define VELTCOM_CORE_INTERNAL_H
 
 #include <cstddef>
+#include <map>
 #include <string>
 
 #include "veltcom.h"
@@ -29,10 +30,100 @@ public:
     static HRESULT COM_StringToCLSID(const wchar_t* text, COM_GUID* id);
     static HRESULT COM_GenerateCLSID(COM_GUID* id);
 
+    // The text of a status code by facility: the system's for 98, the
+    // built-in table's up to 99 (S_FALSE), a registered decoder's from 100.
+    static HRESULT COM_DecodeHRESULT(int hr, unsigned int flags, wchar_t** text);
+
     // Reserved for accounting: nothing in the runtime changes them.
     static long s_nAllocs;
     static long s_nFrees;
 };
+
+// Owns one system string.
+class CAutoBstr {
+public:
+    CAutoBstr() = default;
+    CAutoBstr(const CAutoBstr&) = delete;
+    CAutoBstr& operator=(const CAutoBstr&) = delete;
+    ~CAutoBstr() { COM_SysFreeString(m_p); }
+
+    // Output slot for a call that hands out a new string.
+    wchar_t** Out() {
+        COM_SysFreeString(m_p);
+        m_p = nullptr;
+        return &m_p;
+    }
+    wchar_t* Get() const { return m_p; }
+    unsigned long Length() const { return COM_SysStringLen(m_p); }
+
+private:
+    wchar_t* m_p = nullptr;
+};
+
+// Activation: the built-in object map first, then the component libraries
+// loaded earlier, then the registry and dlopen.
+class VELTCOM_API CComClassFactory {
+public:
+    static HRESULT CreateInstance(const COM_GUID& clsid, COM_IUnknown* outer, const COM_GUID& iid,
+                                  void** out);
+    static HRESULT GetClassFactory(const COM_GUID& clsid, void** factory);
+    static HRESULT StaticGetClassObject(const COM_GUID& clsid, const COM_GUID& iid, void** out);
+    static HRESULT GetCLSIDFromProgID(wchar_t* progId, COM_GUID* clsid);
+    static HRESULT GetValueFromClsid(const COM_GUID& clsid, const wchar_t* name, wchar_t** value);
+    static HRESULT GetProgIDFromClsid(const COM_GUID& clsid, wchar_t** value);
+    static HRESULT GetDisplayNameFromClsid(const COM_GUID& clsid, wchar_t** value);
+    static HRESULT GetDescriptionFromClsid(const COM_GUID& clsid, wchar_t** value);
+    static HRESULT FreeUnusedLibraries();
+    // Creates the binder registered under Moniker\<prefix> for the prefix
+    // before the first colon of `name`.
+    static HRESULT MkParseName(wchar_t* name, unsigned long* eaten, COM_IMoniker** moniker);
+};
+
+// The binder of "hresult:" names: creates the decoder registered for a
+// facility under Moniker\hresult.
+class CHResultDecoderBinder : public COM_IMoniker,
+                              public COM_CComObjectRoot,
+                              public COM_CComCoClass<CHResultDecoderBinder,
+                                                     &COM_CLSID_HResultDecoderBinder> {
+public:
+    // Besides the class entries, names this class as the default value of
+    // Moniker\hresult.
+    static HRESULT UpdateRegistry(int reg);
+
+    COM_IMPLEMENT_REFCOUNT()
+    HRESULT QueryInterface(const COM_GUID& iid, void** out) override;
+    HRESULT BindToObject(wchar_t* name, const COM_GUID& iid, void** out) override;
+};
+
+// The runtime's own classes.
+extern const COM_OBJMAP_ENTRY s_com_object_mapZarvoCOM[];
+const COM_OBJMAP_ENTRY* GetObjectMap();
+
+// The shared services of COM_GetService: one object per service identifier
+// and number, made through activation on first request and kept, with one
+// reference, until the process ends.
+class CServiceCollection {
+public:
+    CServiceCollection() = default;
+    CServiceCollection(const CServiceCollection&) = delete;
+    CServiceCollection& operator=(const CServiceCollection&) = delete;
+    ~CServiceCollection();
+
+    HRESULT GetService(const COM_GUID& guidService, unsigned int context, const COM_GUID& riid,
+                       void** ppv);
+    // 1 with a new reference in *out when the key is present, else 0 with
+    // *out untouched.
+    int Get(std::wstring& key, COM_IUnknown** out);
+    // 0 when the key is present already (nothing changes), else 1 with a
+    // reference of the collection's own on `object`.
+    int Add(std::wstring& key, COM_IUnknown* object);
+
+private:
+    std::map<std::wstring, utlAutoIf<COM_IUnknown, &COM_IID_IUnknown>> m_services;
+};
+
+// Made by the first COM_GetService; never destroyed.
+extern CServiceCollection* g_pServiceCollection;
 
 // The current error-information object of the process: one slot, unguarded.
 class VELTCOM_API CComErrorInfo {

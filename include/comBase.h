@@ -72,6 +72,7 @@ VELTCOM_API extern const COM_GUID COM_IID_ICatInformation;
 VELTCOM_API extern const COM_GUID COM_IID_IEnumCATEGORYINFO;
 VELTCOM_API extern const COM_GUID COM_IID_IEnumCLSID;
 VELTCOM_API extern const COM_GUID COM_IID_IMoniker;
+VELTCOM_API extern const COM_GUID COM_IID_IMonikerData;
 VELTCOM_API extern const COM_GUID COM_IID_IDecodeHResult;
 
 VELTCOM_API extern const COM_GUID COM_CLSID_Registry;

@@ -7,8 +7,10 @@
 #include "comApi.h"
 #include "comUtil.h"
 #include "comRegistry.h"
+#include "comCategories.h"
 #include "comModule.h"
 #include "comException.h"
 #include "comMemory.h"
+#include "comMoniker.h"
 
 #endif

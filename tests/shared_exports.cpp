@@ -43,6 +43,7 @@ const IdentifierExport kIdentifiers[] = {
     {"COM_IID_IEnumCATEGORYINFO", {0x10F125E2, 0xB28C, 0x11D3, {0x95, 0x60, 0x00, 0xC0, 0x4F, 0x60, 0xB2, 0xF5}}},
     {"COM_IID_IEnumCLSID", {0x145E8742, 0xB28C, 0x11D3, {0x95, 0x60, 0x00, 0xC0, 0x4F, 0x60, 0xB2, 0xF5}}},
     {"COM_IID_IMoniker", {0xD6E84124, 0xBD5C, 0x11D3, {0x95, 0x66, 0x00, 0xC0, 0x4F, 0x60, 0xB2, 0xF5}}},
+    {"COM_IID_IMonikerData", {0xD6E84125, 0xBD5C, 0x11D3, {0x95, 0x66, 0x00, 0xC0, 0x4F, 0x60, 0xB2, 0xF5}}},
     {"COM_IID_IDecodeHResult", {0x7B8C01AF, 0x30AA, 0x4E47, {0xBB, 0x03, 0x6C, 0x6C, 0x35, 0x4F, 0x9C, 0xFD}}},
     {"COM_CLSID_Registry", {0xCFDD5D0F, 0xB1AE, 0x48C0, {0xA1, 0x80, 0x54, 0x29, 0x8F, 0xB2, 0x3B, 0x95}}},
     {"COM_CLSID_CategoryManager", {0xD6A1A65A, 0xB286, 0x11D3, {0x95, 0x60, 0x00, 0xC0, 0x4F, 0x60, 0xB2, 0xF5}}},
@@ -62,6 +63,8 @@ const char* const kFlatFunctions[] = {
     "COM_SysFreeString", "COM_SysStringLen", "COM_SysStringByteLen", "COM_TaskMemAlloc",
     "COM_TaskMemFree", "COM_GetSysStats", "COM_ResetSysStats", "COM_CLSIDToString",
     "COM_StringToCLSID", "COM_GenerateCLSID",
+    "COM_MkParseName", "COM_DecodeHRESULT",
+    "COM_GetService",
 };
 
 }  // namespace
@@ -80,7 +83,7 @@ TEST_F(SharedLibrary, FlatFunctionsAreExportedUnderPlainNames) {
 
 TEST_F(SharedLibrary, CxxFunctionsAreExportedUnderMangledNames) {
     EXPECT_NE(Symbol("_Z23COM_RegisterExitHandlerPFvvEi"), nullptr);
-    EXPECT_NE(Symbol("_Z21COM_HRESULT_Expansioni"), nullptr);
+    EXPECT_NE(Symbol("_Z21COM_HRESULT_ExpansionB5cxx11i"), nullptr);
     EXPECT_EQ(Symbol("COM_RegisterExitHandler"), nullptr);
     EXPECT_EQ(Symbol("COM_HRESULT_Expansion"), nullptr);
 }

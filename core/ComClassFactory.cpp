@@ -1,0 +1,235 @@
+// Activation: class lookup through the built-in object map, the libraries
+// loaded earlier and the registry; loading of component libraries; ProgID
+// and class description lookups.
+#include <dlfcn.h>
+
+#include <climits>
+#include <cstring>
+#include <cwchar>
+#include <map>
+#include <string>
+
+#include "coreInternal.h"
+#include "categories/categoriesInternal.h"
+#include "memory/memoryInternal.h"
+#include "registry/regRegistry.h"
+
+namespace {
+
+typedef HRESULT (*PFNGETCLASSOBJECT)(const COM_GUID& clsid, const COM_GUID& iid, void** out);
+
+// Keyed by the InprocServer32 text exactly as registered. Libraries are
+// never closed, so the entries stay valid for the life of the process.
+std::map<std::wstring, PFNGETCLASSOBJECT> g_dllMap;
+
+const wchar_t kErrorLocation[] = L"JCOM_API:COM_CreateInstance";
+
+// Path buffers, as for the directory and the working directory: 4096
+// characters and a terminator.
+const size_t kPathBufferSize = 4097;
+
+using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
+using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
+
+// Makes a new error-information object with the activation location and the
+// given description current. A failure to make it is ignored: the caller's
+// status is reported all the same.
+void SetActivationError(const std::wstring& description) {
+    ErrorInfoPtr info;
+    if (FAILED(COM_CreateErrorInfo(info.Out()))) return;
+    std::wstring text = description;
+    std::wstring location = kErrorLocation;
+    info->SetDescription(&text[0]);
+    info->SetLocation(&location[0]);
+    COM_SetErrorInfo(info);
+}
+
+void SetClassNotAvailableError(const COM_GUID& clsid) {
+    wchar_t* text = nullptr;
+    if (SUCCEEDED(COM_CLSIDToString(clsid, &text))) SetActivationError(text);
+    COM_SysFreeString(text);
+}
+
+void SetLoadError(const char* reason) {
+    char message[257] = {};
+    if (reason) std::strncpy(message, reason, 256);
+    try {
+        SetActivationError(a2wStr(message, std::strlen(message), 0));
+    } catch (const std::bad_alloc&) {
+        // A text the locale cannot convert leaves no error information; the
+        // load failure is reported all the same.
+    }
+}
+
+// The part of a library name after its last slash: libraries are always
+// opened by base name from the working directory.
+const char* BaseName(const std::string& name) {
+    size_t slash = name.rfind('/');
+    return slash == std::string::npos ? name.c_str() : name.c_str() + slash + 1;
+}
+
+// Loads the library and remembers its GetClassObject; null on failure, with
+// `hr` set.
+PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
+    const std::string narrow = NarrowWide(name.c_str());
+    char path[kPathBufferSize];
+    int length = std::snprintf(path, sizeof path, "./%s", BaseName(narrow));
+    if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
+        SetLoadError("library name too long");
+        hr = CO_E_DLLNOTFOUND;
+        return nullptr;
+    }
+    void* handle = dlopen(path, RTLD_LAZY | RTLD_GLOBAL);
+    if (!handle) {
+        SetLoadError(dlerror());
+        hr = CO_E_DLLNOTFOUND;
+        return nullptr;
+    }
+    void* getClassObject = dlsym(handle, "GetClassObject");
+    void* canUnloadNow = dlsym(handle, "CanUnloadNow");
+    if (!getClassObject || !canUnloadNow) {
+        dlclose(handle);
+        hr = CO_E_ERRORINDLL;
+        return nullptr;
+    }
+    auto entry = reinterpret_cast<PFNGETCLASSOBJECT>(getClassObject);
+    return g_dllMap.emplace(name, entry).first->second;
+}
+
+// Opens hive 1 at `path` and reads the default value of `subkey` below it.
+HRESULT ReadDefaultValue(RegistryPtr& registry, const wchar_t* path, const wchar_t* subkey,
+                         wchar_t** value) {
+    if (FAILED(registry.CreateInstance(COM_CLSID_Registry))) return CLASS_E_CLASSNOTAVAILABLE;
+    if (FAILED(registry->Open(1, path)) || FAILED(registry->OpenKey(subkey)))
+        return CLASS_E_CLASSNOTAVAILABLE;
+    if (FAILED(registry->GetValueString(L"", value))) return CLASS_E_CLASSNOTAVAILABLE;
+    return S_OK;
+}
+
+}  // namespace
+
+const COM_OBJMAP_ENTRY s_com_object_mapZarvoCOM[] = {
+    COM_OBJECT_ENTRY(COM_CLSID_Registry, CXMLRegistry)
+    COM_OBJECT_ENTRY(COM_CLSID_CategoryManager, CCatMgr)
+    COM_OBJECT_ENTRY(COM_CLSID_Memory, CMemory)
+    COM_OBJECT_ENTRY(COM_CLSID_HResultDecoderBinder, CHResultDecoderBinder)
+    {nullptr, nullptr, nullptr, nullptr},
+};
+
+const COM_OBJMAP_ENTRY* GetObjectMap() { return s_com_object_mapZarvoCOM; }
+
+HRESULT CComClassFactory::StaticGetClassObject(const COM_GUID& clsid, const COM_GUID& iid,
+                                               void** out) {
+    return g_theModule.GetClassObject(clsid, iid, out);
+}
+
+HRESULT CComClassFactory::GetClassFactory(const COM_GUID& clsid, void** factory) {
+    if (!factory) return E_POINTER;
+    // Built-in classes never touch the registry.
+    HRESULT hr = StaticGetClassObject(clsid, COM_IID_IClassFactory, factory);
+    if (SUCCEEDED(hr)) return hr;
+
+    wchar_t* value = nullptr;
+    if (FAILED(GetValueFromClsid(clsid, L"InprocServer32", &value))) {
+        SetClassNotAvailableError(clsid);
+        return CLASS_E_CLASSNOTAVAILABLE;
+    }
+    const std::wstring name(value, COM_SysStringLen(value));
+    COM_SysFreeString(value);
+
+    auto known = g_dllMap.find(name);
+    PFNGETCLASSOBJECT getClassObject =
+        known != g_dllMap.end() ? known->second : LoadLibrary(name, hr);
+    if (!getClassObject) return hr;
+    return getClassObject(clsid, COM_IID_IClassFactory, factory);
+}
+
+HRESULT CComClassFactory::CreateInstance(const COM_GUID& clsid, COM_IUnknown*,
+                                         const COM_GUID& iid, void** out) {
+    if (!out) return E_POINTER;
+    utlAutoIf<COM_IClassFactory, &COM_IID_IClassFactory> factory;
+    HRESULT hr = GetClassFactory(clsid, factory.OutVoid());
+    if (FAILED(hr)) return hr;
+    // A factory that reported success without an object is a broken
+    // invariant: dereferencing it throws.
+    return factory->CreateInstance(iid, out);
+}
+
+HRESULT CComClassFactory::GetValueFromClsid(const COM_GUID& clsid, const wchar_t* name,
+                                            wchar_t** value) {
+    if (!name || !value) return E_POINTER;
+    wchar_t* text = nullptr;
+    if (FAILED(COM_CLSIDToString(clsid, &text))) return CLASS_E_CLASSNOTAVAILABLE;
+    RegistryPtr registry;
+    HRESULT hr = ReadDefaultValue(registry, L"CLSID", (std::wstring(text) + L"\\" + name).c_str(),
+                                  value);
+    COM_SysFreeString(text);
+    if (FAILED(hr)) return hr;
+    return SUCCEEDED(registry->Close()) ? S_OK : CLASS_E_CLASSNOTAVAILABLE;
+}
+
+HRESULT CComClassFactory::GetProgIDFromClsid(const COM_GUID& clsid, wchar_t** value) {
+    return GetValueFromClsid(clsid, L"ProgID", value);
+}
+
+HRESULT CComClassFactory::GetDisplayNameFromClsid(const COM_GUID& clsid, wchar_t** value) {
+    return GetValueFromClsid(clsid, L"DisplayName", value);
+}
+
+HRESULT CComClassFactory::GetDescriptionFromClsid(const COM_GUID& clsid, wchar_t** value) {
+    return GetValueFromClsid(clsid, L"Description", value);
+}
+
+HRESULT CComClassFactory::GetCLSIDFromProgID(wchar_t* progId, COM_GUID* clsid) {
+    if (!progId || !clsid) return E_POINTER;
+    RegistryPtr registry;
+    wchar_t* text = nullptr;
+    HRESULT hr = ReadDefaultValue(registry, progId, L"CLSID", &text);
+    if (SUCCEEDED(hr) && FAILED(COM_StringToCLSID(text, clsid))) hr = CLASS_E_CLASSNOTAVAILABLE;
+    COM_SysFreeString(text);
+    if (FAILED(hr)) return hr;
+    return SUCCEEDED(registry->Close()) ? S_OK : CLASS_E_CLASSNOTAVAILABLE;
+}
+
+HRESULT CComClassFactory::FreeUnusedLibraries() {
+    // Libraries stay loaded for the life of the process.
+    return S_OK;
+}
+
+namespace {
+
+// Reads the binder class registered for a moniker prefix. Whatever goes wrong
+// on the way means the same to the caller: no binder for this prefix.
+HRESULT FindBinderClass(const wchar_t* prefix, COM_GUID& clsid) {
+    try {
+        RegistryPtr registry;
+        CAutoBstr text;
+        if (FAILED(ReadDefaultValue(registry, L"Moniker", prefix, text.Out())) ||
+            FAILED(registry->Close()) || FAILED(COM_StringToCLSID(text.Get(), &clsid)))
+            return CLASS_E_CLASSNOTAVAILABLE;
+        return S_OK;
+    } catch (const std::bad_alloc&) {
+        return CLASS_E_CLASSNOTAVAILABLE;
+    }
+}
+
+}  // namespace
+
+HRESULT CComClassFactory::MkParseName(wchar_t* name, unsigned long* eaten,
+                                      COM_IMoniker** moniker) {
+    if (!name || !eaten || !moniker) return E_POINTER;
+    const wchar_t* colon = std::wcschr(name, L':');
+    if (!colon || colon == name) return CLASS_E_CLASSNOTAVAILABLE;
+    try {
+        const std::wstring prefix(name, colon - name);
+        COM_GUID binder;
+        if (FAILED(FindBinderClass(prefix.c_str(), binder))) return CLASS_E_CLASSNOTAVAILABLE;
+        // The prefix and its colon count as consumed even when the binder
+        // then cannot be created.
+        *eaten = prefix.size() + 1;
+        return COM_CreateInstance(binder, nullptr, COM_IID_IMoniker,
+                                  reinterpret_cast<void**>(moniker));
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+}

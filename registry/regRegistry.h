@@ -1,0 +1,109 @@
+// The registry object and its name enumerator.
+#ifndef VELTCOM_REGISTRY_REGREGISTRY_H
+#define VELTCOM_REGISTRY_REGREGISTRY_H
+
+#include <cstdint>
+#include <string>
+
+#include <xercesc/dom/DOMDocument.hpp>
+#include <xercesc/parsers/XercesDOMParser.hpp>
+#include <xercesc/sax/ErrorHandler.hpp>
+
+#include "comModule.h"
+#include "comRegistry.h"
+#include "comUtil.h"
+#include "unix/regHelper.h"
+
+// The one registry object of the process, over the document of
+// "Registry.XML". Every caller shares its document and its current key.
+// It lives until the process ends: Release never frees it.
+class CXMLRegistry : public COM_CComObjectRoot,
+                     public COM_CComCoClass<CXMLRegistry, &COM_CLSID_Registry>,
+                     public COM_IRegistry {
+public:
+    COM_DECLARE_REGISTRY(L"ZarvoCOM.Registry", nullptr, nullptr)
+
+    // The shared object; made, and its file read or created, on first use.
+    static HRESULT CreateInstance(const COM_GUID& iid, void** out);
+
+    // Written when the file is missing: the hives ApplicationData and
+    // Classes, with the empty keys CLSID, ComponentCategories and Moniker.
+    static const char s_rgcDefaultRegistry[];
+
+    HRESULT QueryInterface(const COM_GUID& iid, void** out) override;
+    unsigned long AddRef() override;
+    unsigned long Release() override;
+
+    HRESULT Open(unsigned int hive, const wchar_t* subkey) override;
+    HRESULT Close() override;
+    HRESULT OpenKey(const wchar_t* path) override;
+    HRESULT CreateKey(const wchar_t* path, int open) override;
+    HRESULT DeleteKey(const wchar_t* path) override;
+    HRESULT SetValueString(const wchar_t* name, const wchar_t* value) override;
+    HRESULT GetValueString(const wchar_t* name, wchar_t** value) override;
+    HRESULT SetValueDWORD(const wchar_t* name, unsigned int value) override;
+    HRESULT GetValueDWORD(const wchar_t* name, unsigned int* value) override;
+    HRESULT DeleteValue(const wchar_t* name) override;
+    HRESULT EnumKeys(COM_IEnumBSTR** out) override;
+    HRESULT EnumValues(COM_IEnumBSTR** out) override;
+
+    // Reads the file, creating it with the default document when missing,
+    // and parses it.
+    HRESULT Initialize(const wchar_t* name);
+    // Rewrites the whole file from the document.
+    HRESULT UpdateRegistryOnDisk();
+
+private:
+    CXMLRegistry();
+    ~CXMLRegistry() override;
+    CXMLRegistry(const CXMLRegistry&) = delete;
+    CXMLRegistry& operator=(const CXMLRegistry&) = delete;
+
+    HRESULT ReadRegistryFile(std::string& content) const;
+    HRESULT WriteDefaultRegistry() const;
+    HRESULT Parse(const std::string& content);
+    HRESULT StoreValue(const wchar_t* name, const XMLCh* type, const RegString& data);
+    HRESULT Enumerate(int kind, COM_IEnumBSTR** out);
+    xercesc::DOMDocument* Document() const { return m_spParser->getDocument(); }
+
+    std::string m_strFilePath;
+    // The hive root of the last Open; OpenKey and CreateKey leave it alone.
+    RegString m_strCurrentPath;
+    xercesc::DOMNode* m_pCurrentKey;
+    utlAutoPtr<xercesc::XercesDOMParser> m_spParser;
+    utlAutoPtr<xercesc::ErrorHandler> m_spErrorHandler;
+};
+
+// Hands out copies of an owned array of names; a slot may be null.
+class CRegEnumItems : public COM_CComObjectRoot, public COM_IEnumBSTR {
+public:
+    // Takes ownership of `items` whatever the outcome.
+    static HRESULT CreateInstance(const COM_GUID& iid, void** out, unsigned int count,
+                                  wchar_t** items, unsigned int index);
+
+    HRESULT Initialize(unsigned int count, wchar_t** items, unsigned int index);
+
+    HRESULT QueryInterface(const COM_GUID& iid, void** out) override;
+    COM_IMPLEMENT_REFCOUNT()
+
+    HRESULT get_Count(unsigned long* count) override;
+    HRESULT get_Index(unsigned long* index) override;
+    HRESULT set_Index(unsigned long index) override;
+    HRESULT Next(unsigned long celt, wchar_t** out, unsigned long* fetched) override;
+    HRESULT Skip(unsigned long count) override;
+    HRESULT SkipEnd() override;
+    HRESULT Reset() override;
+    HRESULT Clone(COM_IEnumBSTR** out) override;
+
+private:
+    CRegEnumItems() = default;
+    ~CRegEnumItems() override;
+    CRegEnumItems(const CRegEnumItems&) = delete;
+    CRegEnumItems& operator=(const CRegEnumItems&) = delete;
+
+    uint32_t m_nIndex = 0;
+    uint32_t m_nCount = 0;
+    wchar_t** m_rgItems = nullptr;
+};
+
+#endif

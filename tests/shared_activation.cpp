@@ -1,0 +1,360 @@
+// Activation as applications and components see it: built-in classes, class
+// lookup through the registry, loading of component libraries, and the
+// error information left behind on failure.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "testComponents.h"
+#include "testSupport.h"
+
+// Every dlopen of the process passes here first, so the tests see which paths
+// the runtime opens and how often.
+static std::vector<std::string> g_dlopenPaths;
+
+extern "C" void* dlopen(const char* file, int mode) {
+    using RealDlopen = void* (*)(const char*, int);
+    static RealDlopen real = reinterpret_cast<RealDlopen>(dlsym(RTLD_NEXT, "dlopen"));
+    g_dlopenPaths.push_back(file ? file : "");
+    return real(file, mode);
+}
+
+namespace {
+
+using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
+using CounterPtr = utlAutoIf<ICounter, &IID_ICounter>;
+using FactoryPtr = utlAutoIf<COM_IClassFactory, &COM_IID_IClassFactory>;
+using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
+
+void* const kUntouched = reinterpret_cast<void*>(0xdeadbeef);
+
+std::wstring TextOf(const COM_GUID& id) {
+    wchar_t* text = nullptr;
+    COM_CLSIDToString(id, &text);
+    std::wstring result(text);
+    COM_SysFreeString(text);
+    return result;
+}
+
+std::wstring Take(wchar_t* s) {
+    std::wstring result = s ? std::wstring(s, COM_SysStringLen(s)) : L"<null>";
+    COM_SysFreeString(s);
+    return result;
+}
+
+class Activation : public TempDirTest {
+protected:
+    void SetUp() override {
+        TempDirTest::SetUp();
+        COM_ClearErrorInfo();
+        g_dlopenPaths.clear();
+    }
+
+    void CopyComponent(const char* path) const {
+        std::filesystem::copy_file(path, PathOf(std::filesystem::path(path).filename()));
+    }
+
+    RegistryPtr Registry() const {
+        RegistryPtr registry;
+        EXPECT_EQ(registry.CreateInstance(COM_CLSID_Registry), S_OK);
+        return registry;
+    }
+
+    // Writes CLSID\<id>\InprocServer32 by hand, as a damaged or foreign
+    // registration would.
+    void RegisterServerPath(const COM_GUID& clsid, const wchar_t* library) const {
+        RegistryPtr registry = Registry();
+        ASSERT_EQ(registry->Open(1, L"CLSID"), S_OK);
+        ASSERT_EQ(registry->CreateKey((TextOf(clsid) + L"\\InprocServer32").c_str(), 1), S_OK);
+        ASSERT_EQ(registry->SetValueString(L"", library), S_OK);
+        registry->Close();
+    }
+
+    std::wstring DefaultValue(const std::wstring& path) const {
+        RegistryPtr registry = Registry();
+        wchar_t* value = nullptr;
+        if (FAILED(registry->Open(1, path.c_str())) || FAILED(registry->GetValueString(L"", &value)))
+            return L"<missing>";
+        registry->Close();
+        return Take(value);
+    }
+
+    // The current error's description and location, or "<none>".
+    static std::wstring CurrentError() {
+        ErrorInfoPtr info;
+        if (COM_GetErrorInfo(info.Out()) != S_OK) return L"<none>";
+        wchar_t* description = nullptr;
+        wchar_t* location = nullptr;
+        info->GetDescription(&description);
+        info->GetLocation(&location);
+        return Take(description) + L" @ " + Take(location);
+    }
+
+    static long Increment(const CounterPtr& counter) {
+        long value = 0;
+        EXPECT_EQ(counter->Increment(&value), S_OK);
+        return value;
+    }
+};
+
+// Symbols of a component library, reached the way a test inspects it.
+struct Library {
+    explicit Library(const std::string& path) : handle(dlopen(path.c_str(), RTLD_NOW)) {}
+    ~Library() {
+        if (handle) dlclose(handle);
+    }
+    HRESULT Call(const char* entry) const {
+        auto function = reinterpret_cast<HRESULT (*)()>(dlsym(handle, entry));
+        return function ? function() : E_NOTIMPL;
+    }
+    void* handle;
+};
+
+}  // namespace
+
+TEST_F(Activation, BuiltInClassesAreServedWithoutARegistryFile) {
+    FactoryPtr factory;
+    EXPECT_EQ(COM_GetClassFactory(COM_CLSID_Registry, factory.OutVoid()), S_OK);
+    EXPECT_FALSE(factory.IsNull());
+    EXPECT_FALSE(std::filesystem::exists(PathOf("Registry.XML")));
+}
+
+TEST_F(Activation, FactoryReferencesAreModuleLocks) {
+    EXPECT_EQ(CanUnloadNow(), S_OK);
+    void* out = nullptr;
+    ASSERT_EQ(GetClassObject(COM_CLSID_Registry, COM_IID_IClassFactory, &out), S_OK);
+    auto* factory = static_cast<COM_IClassFactory*>(out);
+    EXPECT_EQ(CanUnloadNow(), S_FALSE);
+
+    void* wrong = kUntouched;
+    EXPECT_EQ(factory->QueryInterface(COM_IID_IRegistry, &wrong), E_NOINTERFACE);
+    EXPECT_EQ(wrong, nullptr);
+    EXPECT_EQ(factory->Release(), 1u);
+    EXPECT_EQ(CanUnloadNow(), S_OK);
+
+    out = kUntouched;
+    EXPECT_EQ(GetClassObject(CLSID_Counter, COM_IID_IClassFactory, &out), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(out, kUntouched);
+}
+
+TEST_F(Activation, UnregisteredClassNamesItsIdentifierInTheError) {
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, &out),
+              CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(CurrentError(), TextOf(CLSID_Counter) + L" @ JCOM_API:COM_CreateInstance");
+}
+
+TEST_F(Activation, ClassKeyWithoutServerSubkeyIsNotActivatable) {
+    RegistryPtr registry = Registry();
+    ASSERT_EQ(registry->Open(1, L"CLSID"), S_OK);
+    ASSERT_EQ(registry->CreateKey((TextOf(CLSID_Counter) + L"\\ProgID").c_str(), 0), S_OK);
+    // A named value on the class key is not where the library name lives.
+    ASSERT_EQ(registry->OpenKey(TextOf(CLSID_Counter).c_str()), S_OK);
+    ASSERT_EQ(registry->SetValueString(L"InprocServer32", L"libtestcounter.so"), S_OK);
+    registry->Close();
+
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, &out),
+              CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_TRUE(g_dlopenPaths.empty());
+}
+
+TEST_F(Activation, RegisteredComponentIsLoadedOnceForManyActivations) {
+    CopyComponent(COMPONENT_testcounter);
+    RegisterServerPath(CLSID_Counter, L"libtestcounter.so");
+
+    CounterPtr first;
+    CounterPtr second;
+    ASSERT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, first.OutVoid()), S_OK);
+    ASSERT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, second.OutVoid()), S_OK);
+    EXPECT_EQ(g_dlopenPaths, std::vector<std::string>{"./libtestcounter.so"});
+    // Two objects, each with its own state.
+    EXPECT_EQ(Increment(first), 1);
+    EXPECT_EQ(Increment(first), 2);
+    EXPECT_EQ(Increment(second), 1);
+}
+
+TEST_F(Activation, LibraryIsOpenedByBaseNameFromTheWorkingDirectory) {
+    // The registry lives elsewhere; the library is looked for only in the
+    // working directory, whatever directory the registration names.
+    std::filesystem::create_directory(PathOf("registry"));
+    setenv("COMLIB", PathOf("registry").c_str(), 1);
+    CopyComponent(COMPONENT_testcounter);
+    RegisterServerPath(CLSID_Counter, L"/opt/x/libtestcounter.so");
+
+    CounterPtr counter;
+    EXPECT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, counter.OutVoid()), S_OK);
+    EXPECT_EQ(g_dlopenPaths, std::vector<std::string>{"./libtestcounter.so"});
+    EXPECT_TRUE(std::filesystem::exists(PathOf("registry/Registry.XML")));
+}
+
+TEST_F(Activation, EachSpellingOfALibraryIsLoadedOnItsOwn) {
+    CopyComponent(COMPONENT_testcounter);
+    const COM_GUID other = {0x5A1E0099, 0, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0x99}};
+    RegisterServerPath(CLSID_Counter, L"libtestcounter.so");
+    RegisterServerPath(other, L"./libtestcounter.so");
+
+    CounterPtr counter;
+    ASSERT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, counter.OutVoid()), S_OK);
+    // The library knows no such class; its own answer is passed on.
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(other, nullptr, IID_ICounter, &out), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(g_dlopenPaths,
+              (std::vector<std::string>{"./libtestcounter.so", "./libtestcounter.so"}));
+}
+
+TEST_F(Activation, MissingLibraryReportsTheLoadersText) {
+    RegisterServerPath(CLSID_Counter, L"libmissing.so");
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, &out), CO_E_DLLNOTFOUND);
+    const std::wstring error = CurrentError();
+    EXPECT_NE(error.find(L"libmissing.so"), std::wstring::npos) << error.c_str();
+    EXPECT_NE(error.find(L" @ JCOM_API:COM_CreateInstance"), std::wstring::npos);
+}
+
+TEST_F(Activation, OverlongLibraryNameIsRefusedNotOverflowed) {
+    RegisterServerPath(CLSID_Counter, (L"lib" + std::wstring(5000, L'x') + L".so").c_str());
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, &out), CO_E_DLLNOTFOUND);
+    EXPECT_TRUE(g_dlopenPaths.empty());
+}
+
+TEST_F(Activation, LibraryWithoutBothEntryPointsIsRejectedWithoutErrorInfo) {
+    CopyComponent(COMPONENT_testnounload);
+    RegisterServerPath(CLSID_NoUnload, L"libtestnounload.so");
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(CLSID_NoUnload, nullptr, IID_ICounter, &out), CO_E_ERRORINDLL);
+    EXPECT_EQ(CurrentError(), L"<none>");
+    // Not remembered: the next activation tries to load it again.
+    EXPECT_EQ(COM_CreateInstance(CLSID_NoUnload, nullptr, IID_ICounter, &out), CO_E_ERRORINDLL);
+    EXPECT_EQ(g_dlopenPaths.size(), 2u);
+}
+
+TEST_F(Activation, FactoryFailuresArePassedOn) {
+    CopyComponent(COMPONENT_testfaulty);
+    RegisterServerPath(CLSID_FailingFactory, L"libtestfaulty.so");
+    RegisterServerPath(CLSID_NullFactory, L"libtestfaulty.so");
+
+    void* out = kUntouched;
+    EXPECT_EQ(COM_CreateInstance(CLSID_FailingFactory, nullptr, IID_ICounter, &out),
+              kFailingFactoryResult);
+    // Success without a factory is a broken invariant, not a status.
+    EXPECT_THROW(COM_CreateInstance(CLSID_NullFactory, nullptr, IID_ICounter, &out),
+                 utlAutoIfBase::XBadPtrException);
+}
+
+TEST_F(Activation, ComponentObjectsLockTheirOwnModuleOnly) {
+    CopyComponent(COMPONENT_testcounter);
+    RegisterServerPath(CLSID_Counter, L"libtestcounter.so");
+    Library counterLibrary(PathOf("libtestcounter.so"));
+    ASSERT_NE(counterLibrary.handle, nullptr);
+
+    {
+        CounterPtr counter;
+        ASSERT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, counter.OutVoid()), S_OK);
+        EXPECT_EQ(counterLibrary.Call("CanUnloadNow"), S_FALSE);
+        EXPECT_EQ(CanUnloadNow(), S_OK);
+    }
+    EXPECT_EQ(counterLibrary.Call("CanUnloadNow"), S_OK);
+
+    // The module object never leaves a component.
+    EXPECT_EQ(dlsym(counterLibrary.handle, "g_theModule"), nullptr);
+}
+
+TEST_F(Activation, ProgIDsAndDescriptionsAreReadFromTheRegistration) {
+    CopyComponent(COMPONENT_testcounter);
+    Library library(PathOf("libtestcounter.so"));
+    ASSERT_EQ(library.Call("DllRegisterServer"), S_OK);
+
+    COM_GUID clsid = COM_GUID_NULL;
+    wchar_t progId[] = L"Test.Counter";
+    EXPECT_EQ(COM_GetCLSIDFromProgID(progId, &clsid), S_OK);
+    EXPECT_TRUE(clsid == CLSID_Counter);
+    wchar_t* text = nullptr;
+    EXPECT_EQ(COM_GetProgIDFromClsid(CLSID_Counter, &text), S_OK);
+    EXPECT_EQ(Take(text), L"Test.Counter");
+    EXPECT_EQ(COM_GetDisplayNameFromClsid(CLSID_Counter, &text), S_OK);
+    EXPECT_EQ(Take(text), L"Test counter");
+    EXPECT_EQ(COM_GetDescriptionFromClsid(CLSID_Counter, &text), S_OK);
+    EXPECT_EQ(Take(text), L"Counts calls");
+
+    wchar_t unknown[] = L"No.Such.Class";
+    const COM_GUID before = clsid;
+    EXPECT_EQ(COM_GetCLSIDFromProgID(unknown, &clsid), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_TRUE(clsid == before);
+    text = static_cast<wchar_t*>(kUntouched);
+    EXPECT_EQ(COM_GetDisplayNameFromClsid(COM_CLSID_Memory, &text), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(text, kUntouched);
+}
+
+TEST_F(Activation, InstallationsAreCountedAndTheLastOneRemovesTheClass) {
+    CopyComponent(COMPONENT_testcounter);
+    Library library(PathOf("libtestcounter.so"));
+    const std::wstring classKey = L"CLSID\\" + TextOf(CLSID_Counter);
+
+    ASSERT_EQ(library.Call("DllRegisterServer"), S_OK);
+    ASSERT_EQ(library.Call("DllRegisterServer"), S_OK);
+    EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"2");
+    EXPECT_NE(ReadFile("Registry.XML").find("<InstallCount default = \"2\"/>"), std::string::npos);
+    EXPECT_EQ(DefaultValue(classKey + L"\\InprocServer32"), L"libtestcounter.so");
+    EXPECT_EQ(DefaultValue(classKey), L"Test.Counter");
+    EXPECT_EQ(DefaultValue(L"Test.Counter\\CLSID"), TextOf(CLSID_Counter));
+
+    // The class stays installed elsewhere: everything remains.
+    EXPECT_EQ(library.Call("DllUnregisterServer"), S_OK);
+    EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"1");
+    EXPECT_EQ(DefaultValue(L"Test.Counter\\CLSID"), TextOf(CLSID_Counter));
+
+    EXPECT_EQ(library.Call("DllUnregisterServer"), S_OK);
+    EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"<missing>");
+    EXPECT_EQ(DefaultValue(L"Test.Counter\\CLSID"), L"<missing>");
+    RegistryPtr registry = Registry();
+    EXPECT_EQ(registry->Open(1, classKey.c_str()), REGDB_E_KEYMISSING);
+    EXPECT_EQ(registry->Open(1, L"Test.Counter"), REGDB_E_KEYMISSING);
+}
+
+TEST_F(Activation, RuntimeRegistersItsBuiltInClasses) {
+    ASSERT_EQ(DllRegisterServer(), S_OK);
+    const struct {
+        const COM_GUID* clsid;
+        const wchar_t* progId;
+    } builtIns[] = {{&COM_CLSID_Registry, L"ZarvoCOM.Registry"}};
+    for (const auto& builtIn : builtIns) {
+        const std::wstring classKey = L"CLSID\\" + TextOf(*builtIn.clsid);
+        EXPECT_EQ(DefaultValue(classKey + L"\\InprocServer32"), L"libveltcom.so");
+        EXPECT_EQ(DefaultValue(classKey + L"\\ProgID"), builtIn.progId);
+        EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"1");
+        EXPECT_EQ(DefaultValue(std::wstring(builtIn.progId) + L"\\CLSID"), TextOf(*builtIn.clsid));
+    }
+    EXPECT_EQ(DllUnregisterServer(), S_OK);
+    RegistryPtr registry = Registry();
+    EXPECT_EQ(registry->Open(1, (L"CLSID\\" + TextOf(COM_CLSID_Registry)).c_str()),
+              REGDB_E_KEYMISSING);
+}
+
+TEST_F(Activation, MonikerValueNamesAreRegisteredAndRemovedWithTheClass) {
+    COM_CComModule module(nullptr, "libsample.so");
+    const COM_GUID clsid = {0x5A1E0077, 0, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0x77}};
+    ASSERT_EQ(module.UpdateRegistryClass(clsid, L"Sample.Binder", 0, 1, nullptr, nullptr, L"sample",
+                                         L"a,b"),
+              S_OK);
+    RegistryPtr registry = Registry();
+    ASSERT_EQ(registry->Open(1, L"Moniker\\sample"), S_OK);
+    for (const wchar_t* name : {L"a", L"b"}) {
+        wchar_t* value = nullptr;
+        EXPECT_EQ(registry->GetValueString(name, &value), S_OK) << name;
+        EXPECT_EQ(Take(value), TextOf(clsid));
+    }
+    EXPECT_EQ(DefaultValue(L"CLSID\\" + TextOf(clsid) + L"\\InprocServer32"), L"libsample.so");
+
+    ASSERT_EQ(module.UpdateRegistryClass(clsid, L"Sample.Binder", 0, 0, nullptr, nullptr, L"sample",
+                                         L"a,b"),
+              S_OK);
+    ASSERT_EQ(registry->Open(1, L"Moniker\\sample"), S_OK);
+    EXPECT_EQ(registry->GetValueString(L"a", nullptr), REGDB_E_INVALIDVALUE);
+    EXPECT_EQ(registry->GetValueString(L"b", nullptr), REGDB_E_INVALIDVALUE);
+}

@@ -1,0 +1,75 @@
+// The registry's XML layer: tree operations on the registry document, the
+// writer that turns the document back into the file's bytes, and the builder
+// of name enumerators.
+//
+// A key is an element named after it; a named value is a child element
+// "item" with the attributes name, type and value; a key's default value is
+// its attribute "default". Paths are key names joined by backslashes, always
+// relative to the node they start from.
+#ifndef VELTCOM_UNIX_REGHELPER_H
+#define VELTCOM_UNIX_REGHELPER_H
+
+#include <ostream>
+#include <string>
+
+#include <xercesc/dom/DOMDocument.hpp>
+#include <xercesc/dom/DOMNode.hpp>
+
+#include "comRegistry.h"
+
+// Text as the DOM holds it: 16-bit code units.
+typedef std::basic_string<XMLCh> RegString;
+
+// Every character cut to its low 16 bits.
+RegString NarrowTo16(const wchar_t* text);
+
+// As NarrowTo16, with every space turned into an underscore: the form in
+// which key paths and value names are stored and looked up.
+RegString EscapeKey(const wchar_t* text);
+
+// Whether every piece of the path is a legal XML element name, so that
+// CreateKey can make it. The empty piece of a leading, trailing or doubled
+// backslash is not.
+bool IsCreatablePath(const XMLCh* path);
+
+// Whether the document's file can carry the text and be read back: no
+// control characters other than tab, line feed and carriage return.
+bool IsStorableText(const XMLCh* text);
+
+// Tree operations: 1 on success, 0 on a miss. Only DeleteKey catches the
+// DOM library's exceptions; the others let them pass.
+int FindKey(const xercesc::DOMNode* parent, const XMLCh* name, xercesc::DOMNode** out);
+int ResolveKey(const xercesc::DOMNode* start, const XMLCh* path, xercesc::DOMNode** out);
+// Creates every missing key of the path; 1 even when all existed.
+int CreateKey(xercesc::DOMDocument* doc, xercesc::DOMNode* start, const XMLCh* path,
+              xercesc::DOMNode** out);
+// Detaches the key with its whole subtree; the document keeps owning it.
+int DeleteKey(xercesc::DOMNode* start, const XMLCh* path);
+// The empty name is the default value, which reads back only while it is
+// the key element's one attribute, and always with type "string".
+int GetValue(const xercesc::DOMNode* key, const XMLCh* name, RegString& type, RegString& value);
+// An existing value is replaced in place, keeping its position.
+int SetValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* name, const XMLCh* type,
+             const XMLCh* value);
+// Removes the first value of that name only.
+int DeleteValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* name);
+
+// Writes a node and its subtree in the registry file's format. A node type
+// that has no written form stops the process.
+std::ostream& operator<<(std::ostream& out, const xercesc::DOMNode* node);
+// Writes text in the local code page; text that cannot be converted writes
+// nothing and sets the stream's bad bit.
+std::ostream& operator<<(std::ostream& out, const XMLCh* text);
+// As the operator above; with `escape` the characters " & < > are written
+// as entity references (the apostrophe is not).
+std::ostream& outputContent(std::ostream& out, const XMLCh* text, bool escape);
+
+// A new system string of the text, each code unit widened to a wchar_t;
+// null when it cannot be allocated.
+wchar_t* AllocWidened(const XMLCh* text);
+
+// Enumerator of the names of the key's sub-keys (kind 0) or values (any
+// other kind), copied out of the document now.
+HRESULT CreateEnumerator(xercesc::DOMNode* key, int kind, COM_IEnumBSTR** out);
+
+#endif

@@ -2,6 +2,7 @@
 // loaded earlier and the registry; loading of component libraries; ProgID
 // and class description lookups.
 #include <dlfcn.h>
+#include <link.h>
 
 #include <climits>
 #include <cstring>
@@ -68,6 +69,19 @@ const char* BaseName(const std::string& name) {
     return slash == std::string::npos ? name.c_str() : name.c_str() + slash + 1;
 }
 
+// dlsym also searches the library's dependencies, the runtime among them:
+// only an entry point the library defines itself counts.
+void* OwnSymbol(void* handle, const char* name) {
+    void* symbol = dlsym(handle, name);
+    link_map* library = nullptr;
+    link_map* owner = nullptr;
+    Dl_info info;
+    if (!symbol || dlinfo(handle, RTLD_DI_LINKMAP, &library) != 0 ||
+        !dladdr1(symbol, &info, reinterpret_cast<void**>(&owner), RTLD_DL_LINKMAP))
+        return nullptr;
+    return owner == library ? symbol : nullptr;
+}
+
 // Loads the library and remembers its GetClassObject; null on failure, with
 // `hr` set.
 PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
@@ -85,8 +99,8 @@ PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
         hr = CO_E_DLLNOTFOUND;
         return nullptr;
     }
-    void* getClassObject = dlsym(handle, "GetClassObject");
-    void* canUnloadNow = dlsym(handle, "CanUnloadNow");
+    void* getClassObject = OwnSymbol(handle, "GetClassObject");
+    void* canUnloadNow = OwnSymbol(handle, "CanUnloadNow");
     if (!getClassObject || !canUnloadNow) {
         dlclose(handle);
         hr = CO_E_ERRORINDLL;

@@ -62,19 +62,6 @@ HEAPSTATUS CLinearAllocationStrategy::GetHeapStatus() { return 0; }
 
 // ---- CMemory ---------------------------------------------------------------
 
-HRESULT CMemory::CreateInstance(const COM_GUID& iid, void** out) {
-    if (!out) return E_POINTER;
-    CMemory* object = new (std::nothrow) CMemory;
-    if (!object) {
-        *out = nullptr;
-        return E_OUTOFMEMORY;
-    }
-    object->AddRef();
-    HRESULT hr = object->QueryInterface(iid, out);
-    object->Release();
-    return hr;
-}
-
 CMemory::~CMemory() { DropStrategy(); }
 
 HRESULT CMemory::QueryInterface(const COM_GUID& iid, void** out) {

@@ -194,10 +194,6 @@ class CMemory : public COM_IMemory, public COM_CComCoClass<CMemory, &COM_CLSID_M
 public:
     COM_DECLARE_REGISTRY(L"ZarvoCom.Memory", nullptr, nullptr)
 
-    // Creates an object and queries it for iid; a failed query deletes it
-    // again.
-    static HRESULT CreateInstance(const COM_GUID& iid, void** out);
-
     CMemory() = default;
     CMemory(const CMemory&) = delete;
     CMemory& operator=(const CMemory&) = delete;

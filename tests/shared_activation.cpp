@@ -25,43 +25,18 @@ extern "C" void* dlopen(const char* file, int mode) {
 
 namespace {
 
-using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 using CounterPtr = utlAutoIf<ICounter, &IID_ICounter>;
 using FactoryPtr = utlAutoIf<COM_IClassFactory, &COM_IID_IClassFactory>;
 using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
 
 void* const kUntouched = reinterpret_cast<void*>(0xdeadbeef);
 
-std::wstring TextOf(const COM_GUID& id) {
-    wchar_t* text = nullptr;
-    COM_CLSIDToString(id, &text);
-    std::wstring result(text);
-    COM_SysFreeString(text);
-    return result;
-}
-
-std::wstring Take(wchar_t* s) {
-    std::wstring result = s ? std::wstring(s, COM_SysStringLen(s)) : L"<null>";
-    COM_SysFreeString(s);
-    return result;
-}
-
-class Activation : public TempDirTest {
+class Activation : public ComponentTest {
 protected:
     void SetUp() override {
-        TempDirTest::SetUp();
+        ComponentTest::SetUp();
         COM_ClearErrorInfo();
         g_dlopenPaths.clear();
-    }
-
-    void CopyComponent(const char* path) const {
-        std::filesystem::copy_file(path, PathOf(std::filesystem::path(path).filename()));
-    }
-
-    RegistryPtr Registry() const {
-        RegistryPtr registry;
-        EXPECT_EQ(registry.CreateInstance(COM_CLSID_Registry), S_OK);
-        return registry;
     }
 
     // Writes CLSID\<id>\InprocServer32 by hand, as a damaged or foreign
@@ -99,19 +74,6 @@ protected:
         EXPECT_EQ(counter->Increment(&value), S_OK);
         return value;
     }
-};
-
-// Symbols of a component library, reached the way a test inspects it.
-struct Library {
-    explicit Library(const std::string& path) : handle(dlopen(path.c_str(), RTLD_NOW)) {}
-    ~Library() {
-        if (handle) dlclose(handle);
-    }
-    HRESULT Call(const char* entry) const {
-        auto function = reinterpret_cast<HRESULT (*)()>(dlsym(handle, entry));
-        return function ? function() : E_NOTIMPL;
-    }
-    void* handle;
 };
 
 }  // namespace
@@ -248,27 +210,24 @@ TEST_F(Activation, FactoryFailuresArePassedOn) {
 }
 
 TEST_F(Activation, ComponentObjectsLockTheirOwnModuleOnly) {
-    CopyComponent(COMPONENT_testcounter);
+    void* counterLibrary = LoadComponent(COMPONENT_testcounter);
+    ASSERT_NE(counterLibrary, nullptr);
     RegisterServerPath(CLSID_Counter, L"libtestcounter.so");
-    Library counterLibrary(PathOf("libtestcounter.so"));
-    ASSERT_NE(counterLibrary.handle, nullptr);
 
     {
         CounterPtr counter;
         ASSERT_EQ(COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, counter.OutVoid()), S_OK);
-        EXPECT_EQ(counterLibrary.Call("CanUnloadNow"), S_FALSE);
+        EXPECT_EQ(CallEntry(counterLibrary, "CanUnloadNow"), S_FALSE);
         EXPECT_EQ(CanUnloadNow(), S_OK);
     }
-    EXPECT_EQ(counterLibrary.Call("CanUnloadNow"), S_OK);
+    EXPECT_EQ(CallEntry(counterLibrary, "CanUnloadNow"), S_OK);
 
     // The module object never leaves a component.
-    EXPECT_EQ(dlsym(counterLibrary.handle, "g_theModule"), nullptr);
+    EXPECT_EQ(dlsym(counterLibrary, "g_theModule"), nullptr);
 }
 
 TEST_F(Activation, ProgIDsAndDescriptionsAreReadFromTheRegistration) {
-    CopyComponent(COMPONENT_testcounter);
-    Library library(PathOf("libtestcounter.so"));
-    ASSERT_EQ(library.Call("DllRegisterServer"), S_OK);
+    InstallComponent(COMPONENT_testcounter);
 
     COM_GUID clsid = COM_GUID_NULL;
     wchar_t progId[] = L"Test.Counter";
@@ -292,12 +251,11 @@ TEST_F(Activation, ProgIDsAndDescriptionsAreReadFromTheRegistration) {
 }
 
 TEST_F(Activation, InstallationsAreCountedAndTheLastOneRemovesTheClass) {
-    CopyComponent(COMPONENT_testcounter);
-    Library library(PathOf("libtestcounter.so"));
+    void* library = LoadComponent(COMPONENT_testcounter);
     const std::wstring classKey = L"CLSID\\" + TextOf(CLSID_Counter);
 
-    ASSERT_EQ(library.Call("DllRegisterServer"), S_OK);
-    ASSERT_EQ(library.Call("DllRegisterServer"), S_OK);
+    ASSERT_EQ(CallEntry(library, "DllRegisterServer"), S_OK);
+    ASSERT_EQ(CallEntry(library, "DllRegisterServer"), S_OK);
     EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"2");
     EXPECT_NE(ReadFile("Registry.XML").find("<InstallCount default = \"2\"/>"), std::string::npos);
     EXPECT_EQ(DefaultValue(classKey + L"\\InprocServer32"), L"libtestcounter.so");
@@ -305,11 +263,11 @@ TEST_F(Activation, InstallationsAreCountedAndTheLastOneRemovesTheClass) {
     EXPECT_EQ(DefaultValue(L"Test.Counter\\CLSID"), TextOf(CLSID_Counter));
 
     // The class stays installed elsewhere: everything remains.
-    EXPECT_EQ(library.Call("DllUnregisterServer"), S_OK);
+    EXPECT_EQ(CallEntry(library, "DllUnregisterServer"), S_OK);
     EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"1");
     EXPECT_EQ(DefaultValue(L"Test.Counter\\CLSID"), TextOf(CLSID_Counter));
 
-    EXPECT_EQ(library.Call("DllUnregisterServer"), S_OK);
+    EXPECT_EQ(CallEntry(library, "DllUnregisterServer"), S_OK);
     EXPECT_EQ(DefaultValue(classKey + L"\\InstallCount"), L"<missing>");
     EXPECT_EQ(DefaultValue(L"Test.Counter\\CLSID"), L"<missing>");
     RegistryPtr registry = Registry();

@@ -14,7 +14,6 @@
 
 namespace {
 
-using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 using CatRegisterPtr = utlAutoIf<COM_ICatRegister, &COM_IID_ICatRegister>;
 using CatInformationPtr = utlAutoIf<COM_ICatInformation, &COM_IID_ICatInformation>;
 using EnumCategoriesPtr = utlAutoIf<COM_IEnumCATEGORYINFO, &COM_IID_IEnumCATEGORYINFO>;
@@ -35,29 +34,10 @@ T* Sentinel() {
     return reinterpret_cast<T*>(0xdeadbeef);
 }
 
-std::wstring TextOf(const COM_GUID& id) {
-    wchar_t* text = nullptr;
-    COM_CLSIDToString(id, &text);
-    std::wstring result(text);
-    COM_SysFreeString(text);
-    return result;
-}
-
-unsigned long RefCount(COM_IUnknown* object) {
-    object->AddRef();
-    return object->Release();
-}
-
-RegistryPtr Registry() {
-    RegistryPtr registry;
-    EXPECT_EQ(registry.CreateInstance(COM_CLSID_Registry), S_OK);
-    return registry;
-}
-
-class CategoryTest : public TempDirTest {
+class CategoryTest : public ComponentTest {
 protected:
     void SetUp() override {
-        TempDirTest::SetUp();
+        ComponentTest::SetUp();
         ASSERT_EQ(m_spCatRegister.CreateInstance(COM_CLSID_CategoryManager), S_OK);
     }
 
@@ -66,9 +46,7 @@ protected:
         wchar_t* text = nullptr;
         const HRESULT hr = m_spCatRegister->GetCategoryDescription(catid, &text);
         if (FAILED(hr)) return L"failed " + std::to_wstring(static_cast<unsigned>(hr));
-        std::wstring result(text, COM_SysStringLen(text));
-        COM_SysFreeString(text);
-        return result;
+        return ::Take(text);
     }
 
     Ids ClassesOf(const COM_GUID& catid) const {
@@ -419,20 +397,11 @@ class CategoryRegistration : public CategoryTest {
 protected:
     void SetUp() override {
         CategoryTest::SetUp();
-        const std::filesystem::path source(COMPONENT_testcategories);
-        std::filesystem::copy_file(source, PathOf(source.filename()));
-        m_hLibrary = dlopen(("./" + source.filename().string()).c_str(), RTLD_NOW);
-        ASSERT_NE(m_hLibrary, nullptr) << dlerror();
-    }
-    void TearDown() override {
-        if (m_hLibrary) dlclose(m_hLibrary);
-        CategoryTest::TearDown();
+        m_hLibrary = LoadComponent(COMPONENT_testcategories);
+        ASSERT_NE(m_hLibrary, nullptr);
     }
 
-    HRESULT Call(const char* entry) const {
-        auto function = reinterpret_cast<HRESULT (*)()>(dlsym(m_hLibrary, entry));
-        return function ? function() : E_NOTIMPL;
-    }
+    HRESULT Call(const char* entry) const { return CallEntry(m_hLibrary, entry); }
 
     // Another installation of the class is on record.
     static void AddInstallation(const COM_GUID& clsid) {

@@ -14,7 +14,6 @@
 
 namespace {
 
-using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 using MonikerPtr = utlAutoIf<COM_IMoniker, &COM_IID_IMoniker>;
 using DecoderPtr = utlAutoIf<COM_IDecodeHResult, &COM_IID_IDecodeHResult>;
 
@@ -26,20 +25,7 @@ wchar_t* const kTextSentinel = reinterpret_cast<wchar_t*>(0xdeadbeef);
 // A class no component registers.
 const COM_GUID kUnregisteredClass = {0x5A1E01FF, 0x0000, 0x4000, {0x80, 0, 0, 0, 0, 0, 0x01, 0xFF}};
 
-std::wstring IdText(const COM_GUID& id) {
-    wchar_t* text = nullptr;
-    EXPECT_EQ(COM_CLSIDToString(id, &text), S_OK);
-    const std::wstring result = text ? text : L"";
-    COM_SysFreeString(text);
-    return result;
-}
 
-// Copies a system string handed out and frees it.
-std::wstring Take(wchar_t* text) {
-    const std::wstring result = text ? text : L"";
-    COM_SysFreeString(text);
-    return result;
-}
 
 std::wstring Recorded(const wchar_t* code, const wchar_t* data) {
     return std::wstring(L"recording decoder: code ") + code + L", flags 0, data <" + data + L">";
@@ -67,34 +53,18 @@ bool ReadValue(const wchar_t* key, const wchar_t* name, std::wstring& value) {
     return true;
 }
 
-class Monikers : public TempDirTest {
+class Monikers : public ComponentTest {
 protected:
     void SetUp() override {
-        TempDirTest::SetUp();
+        ComponentTest::SetUp();
         // The runtime's own classes, the hresult binder among them.
         ASSERT_EQ(DllRegisterServer(), S_OK);
-        m_recording = Install(COMPONENT_testdecoder);
-        m_plain = Install(COMPONENT_testplaindecoder);
+        m_recording = InstallComponent(COMPONENT_testdecoder);
+        m_plain = InstallComponent(COMPONENT_testplaindecoder);
         ASSERT_TRUE(m_recording && m_plain);
         // Nothing of the runtime may stay alive: the tests count on it.
         COM_ClearErrorInfo();
         ASSERT_EQ(CanUnloadNow(), S_OK);
-    }
-
-    // Copies a built component into the working directory, where the
-    // runtime loads components from, and runs its self-registration.
-    void* Install(const char* built) {
-        const std::filesystem::path source(built);
-        const std::string copy = PathOf(source.filename().string());
-        std::filesystem::copy_file(source, copy);
-        void* handle = dlopen(copy.c_str(), RTLD_NOW | RTLD_GLOBAL);
-        if (!handle) {
-            ADD_FAILURE() << dlerror();
-            return nullptr;
-        }
-        auto registerServer = reinterpret_cast<HRESULT (*)()>(dlsym(handle, "DllRegisterServer"));
-        EXPECT_EQ(registerServer(), S_OK) << built;
-        return handle;
     }
 
     // S_OK once every object of the component is released.
@@ -159,7 +129,7 @@ TEST_F(Monikers, NullArgumentsGiveEPointerAndWriteNothing) {
 TEST_F(Monikers, NamesWithoutABinderGiveClassNotAvailableAndWriteNothing) {
     SetValue(L"Moniker\\garbage", L"", L"not an identifier");
     SetValue(L"Moniker\\braced", L"", L"{53CEC1E2-60FE-45B4-AA3A-E2F091C58E0A}");
-    SetValue(L"Moniker\\novalue\\below", L"", IdText(COM_CLSID_HResultDecoderBinder));
+    SetValue(L"Moniker\\novalue\\below", L"", TextOf(COM_CLSID_HResultDecoderBinder));
     const std::wstring names[] = {
         L"hresult", L":67", L"", L"nosuch:67", L"HRESULT:67", L"{bad}:67", L"a<b>&c:67",
         L"hresult\\:67", L"\\hresult:67", L"hresult\\\\x:67", std::wstring(6000, L'x') + L":67",
@@ -199,7 +169,7 @@ TEST_F(Monikers, HresultPrefixGivesTheBinderWithOneReferenceForTheCaller) {
 }
 
 TEST_F(Monikers, OnlyTheFirstColonEndsThePrefix) {
-    SetValue(L"Moniker\\a", L"", IdText(COM_CLSID_HResultDecoderBinder));
+    SetValue(L"Moniker\\a", L"", TextOf(COM_CLSID_HResultDecoderBinder));
     wchar_t name[] = L"a:b:c";
     unsigned long eaten = kEatenSentinel;
     MonikerPtr moniker;
@@ -213,8 +183,8 @@ TEST_F(Monikers, OnlyTheFirstColonEndsThePrefix) {
 }
 
 TEST_F(Monikers, BinderCreationFailureIsPassedOnWithThePrefixConsumed) {
-    SetValue(L"Moniker\\plain", L"", IdText(CLSID_PlainDecoder));
-    SetValue(L"Moniker\\ghost", L"", IdText(kUnregisteredClass));
+    SetValue(L"Moniker\\plain", L"", TextOf(CLSID_PlainDecoder));
+    SetValue(L"Moniker\\ghost", L"", TextOf(kUnregisteredClass));
 
     wchar_t noMoniker[] = L"plain:x";
     unsigned long eaten = kEatenSentinel;
@@ -269,7 +239,7 @@ TEST_F(Monikers, DataTheDecoderCannotTakeFailsTheBindAndReleasesTheDecoder) {
 TEST_F(Monikers, FacilitiesWithoutAUsableDecoderGiveClassNotAvailable) {
     SetValue(L"Moniker\\hresult", L"6A", L"not an identifier");
     SetValue(L"Moniker\\hresult", L"6B", L"{5A1E0101-0000-4000-8000-000000000101}");
-    SetValue(L"Moniker\\hresult", L"6C", IdText(kUnregisteredClass));
+    SetValue(L"Moniker\\hresult", L"6C", TextOf(kUnregisteredClass));
     const std::wstring rests[] = {
         L"6F", L"1fff", L"", L"!x", L"6A", L"6B", L"6C", std::wstring(6000, L'6'),
     };
@@ -285,7 +255,7 @@ TEST_F(Monikers, RegistrationNamesTheBinderAsTheDefaultOfMonikerHresult) {
     ASSERT_TRUE(ReadValue(L"Moniker\\hresult", L"", value));
     EXPECT_EQ(value, L"_53CEC1E2-60FE-45b4-AA3A-E2F091C58E0A_");
     ASSERT_TRUE(ReadValue(L"Moniker\\hresult", L"67", value));
-    EXPECT_EQ(value, IdText(CLSID_RecordingDecoder));
+    EXPECT_EQ(value, TextOf(CLSID_RecordingDecoder));
 
     wchar_t* progId = nullptr;
     ASSERT_EQ(COM_GetProgIDFromClsid(COM_CLSID_HResultDecoderBinder, &progId), S_OK);
@@ -338,7 +308,7 @@ TEST_F(Monikers, HigherFacilitiesAreNamedInUpperCaseHexadecimalWhateverTheSeveri
 
 TEST_F(Monikers, SystemFacilityGivesTheSystemTextAloneWithSOk) {
     // A decoder registered for the facility is not asked.
-    SetValue(L"Moniker\\hresult", L"62", IdText(CLSID_RecordingDecoder));
+    SetValue(L"Moniker\\hresult", L"62", TextOf(CLSID_RecordingDecoder));
     for (int number : {2, 13}) {
         for (uint32_t severity : {0x80000000u, 0u}) {
             const int hr = static_cast<int>(severity | 0x00620000u | number);
@@ -354,7 +324,7 @@ TEST_F(Monikers, SystemFacilityGivesTheSystemTextAloneWithSOk) {
 }
 
 TEST_F(Monikers, TableFacilitiesGiveTheTableTextWithSFalse) {
-    SetValue(L"Moniker\\hresult", L"63", IdText(CLSID_RecordingDecoder));
+    SetValue(L"Moniker\\hresult", L"63", TextOf(CLSID_RecordingDecoder));
     struct Case {
         uint32_t hr;
         const wchar_t* text;

@@ -19,33 +19,7 @@ using CounterPtr = utlAutoIf<ICounter, &IID_ICounter>;
 
 void* const kUntouched = reinterpret_cast<void*>(0xdeadbeef);
 
-unsigned long RefCount(COM_IUnknown* object) {
-    object->AddRef();
-    return object->Release();
-}
-
-class Services : public TempDirTest {
-protected:
-    void TearDown() override {
-        for (void* library : m_libraries) dlclose(library);
-        TempDirTest::TearDown();
-    }
-
-    // Copies a test component next to the registry and runs its own
-    // registration, as an installer would.
-    void InstallComponent(const char* path) {
-        const std::filesystem::path source(path);
-        std::filesystem::copy_file(source, PathOf(source.filename()));
-        void* library = dlopen(("./" + source.filename().string()).c_str(), RTLD_NOW);
-        ASSERT_NE(library, nullptr) << dlerror();
-        m_libraries.push_back(library);
-        auto registerServer = reinterpret_cast<HRESULT (*)()>(dlsym(library, "DllRegisterServer"));
-        ASSERT_NE(registerServer, nullptr);
-        ASSERT_EQ(registerServer(), S_OK);
-    }
-
-    std::vector<void*> m_libraries;
-};
+using Services = ComponentTest;
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 #include "testSupport.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <climits>
@@ -37,4 +38,37 @@ std::string TempDirTest::ReadFile(const std::string& name) const {
 void TempDirTest::WriteFile(const std::string& name, const std::string& content) const {
     std::ofstream out(PathOf(name), std::ios::binary | std::ios::trunc);
     out << content;
+}
+
+void ComponentTest::TearDown() {
+    for (void* library : m_libraries) dlclose(library);
+    TempDirTest::TearDown();
+}
+
+void ComponentTest::CopyComponent(const char* builtPath) const {
+    const std::filesystem::path source(builtPath);
+    std::filesystem::copy_file(source, PathOf(source.filename()),
+                               std::filesystem::copy_options::overwrite_existing);
+}
+
+void* ComponentTest::LoadComponent(const char* builtPath) {
+    CopyComponent(builtPath);
+    const std::string copy = "./" + std::filesystem::path(builtPath).filename().string();
+    void* library = dlopen(copy.c_str(), RTLD_NOW);
+    EXPECT_NE(library, nullptr) << dlerror();
+    if (library) m_libraries.push_back(library);
+    return library;
+}
+
+void* ComponentTest::InstallComponent(const char* builtPath) {
+    void* library = LoadComponent(builtPath);
+    if (library) {
+        EXPECT_EQ(CallEntry(library, "DllRegisterServer"), S_OK) << builtPath;
+    }
+    return library;
+}
+
+HRESULT ComponentTest::CallEntry(void* library, const char* entry) {
+    auto function = reinterpret_cast<HRESULT (*)()>(dlsym(library, entry));
+    return function ? function() : E_NOTIMPL;
 }

@@ -3,8 +3,49 @@
 #define VELTCOM_TESTS_SUPPORT_H
 
 #include <gtest/gtest.h>
+#include <veltcom.h>
 
 #include <string>
+#include <vector>
+
+using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
+
+// The identifier's text form, as registry keys name it.
+inline std::wstring TextOf(const COM_GUID& id) {
+    wchar_t* text = nullptr;
+    EXPECT_EQ(COM_CLSIDToString(id, &text), S_OK);
+    const std::wstring result = text ? text : L"";
+    COM_SysFreeString(text);
+    return result;
+}
+
+// Output slots are filled with this before a call, to see whether the call
+// wrote them.
+template <class T>
+T* Unwritten() {
+    return reinterpret_cast<T*>(0xdeadbeef);
+}
+
+// Copies a system string handed out to the caller, and frees it.
+inline std::wstring Take(wchar_t* text) {
+    if (text == Unwritten<wchar_t>()) return L"<not written>";
+    const std::wstring result = text ? std::wstring(text, COM_SysStringLen(text)) : L"";
+    COM_SysFreeString(text);
+    return result;
+}
+
+// The object's reference count, read through AddRef and Release.
+inline unsigned long RefCount(COM_IUnknown* object) {
+    object->AddRef();
+    return object->Release();
+}
+
+// The process's registry object.
+inline RegistryPtr Registry() {
+    RegistryPtr registry;
+    EXPECT_EQ(registry.CreateInstance(COM_CLSID_Registry), S_OK);
+    return registry;
+}
 
 // Runs a test in a fresh temporary directory that is also the working
 // directory, with COMLIB pointing at it; removed again afterwards.
@@ -22,6 +63,26 @@ protected:
 
 private:
     std::string m_previousDir;
+};
+
+// A TempDirTest that puts built component libraries where the runtime looks
+// for them: the working directory.
+class ComponentTest : public TempDirTest {
+protected:
+    void TearDown() override;
+
+    void CopyComponent(const char* builtPath) const;
+    // Copies the component and opens the copy; it stays open until the test
+    // ends.
+    void* LoadComponent(const char* builtPath);
+    // Loads the component and runs its own registration, as an installer
+    // would.
+    void* InstallComponent(const char* builtPath);
+    // Calls one of a library's entry points; E_NOTIMPL when it has none.
+    static HRESULT CallEntry(void* library, const char* entry);
+
+private:
+    std::vector<void*> m_libraries;
 };
 
 #endif

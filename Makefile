@@ -4,10 +4,16 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 PACKAGES   := cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libxerces-c-dev \
               libxml2-utils pkg-config
+# The builds below run make again; their directory messages are noise.
+MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test asan clean
+.PHONY: all deps configure build test asan demo clean
 
 all: build
+
+DEMO_PREFIX   ?= $(BUILD)/demo-prefix
+DEMO_EXAMPLES ?= $(BUILD)/demo-examples
+DEMO_RUN      ?= $(BUILD)/demo-run
 
 # Installs the Debian packages the build needs, when any is missing.
 deps:
@@ -36,6 +42,18 @@ asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+
+# Builds the runtime and the tool, installs them into a scratch prefix, builds
+# examples/ against that prefix alone, then runs the narrated scenario in a
+# scratch directory.
+demo: configure
+	cmake --build $(BUILD) -j $(JOBS) --target veltcom veltcom_tool
+	rm -rf $(DEMO_PREFIX)
+	cmake --install $(BUILD) --prefix $(DEMO_PREFIX) > $(BUILD)/demo-install.log
+	cmake -S examples -B $(DEMO_EXAMPLES) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_PREFIX_PATH=$(abspath $(DEMO_PREFIX)) > $(BUILD)/demo-configure.log
+	cmake --build $(DEMO_EXAMPLES) -j $(JOBS)
+	bash examples/demo.sh $(DEMO_PREFIX) $(DEMO_EXAMPLES) $(DEMO_RUN)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)

@@ -2,7 +2,6 @@
 // loaded earlier and the registry; loading of component libraries; ProgID
 // and class description lookups.
 #include <dlfcn.h>
-#include <link.h>
 
 #include <climits>
 #include <cstring>
@@ -67,19 +66,6 @@ void SetLoadError(const char* reason) {
 const char* BaseName(const std::string& name) {
     size_t slash = name.rfind('/');
     return slash == std::string::npos ? name.c_str() : name.c_str() + slash + 1;
-}
-
-// dlsym also searches the library's dependencies, the runtime among them:
-// only an entry point the library defines itself counts.
-void* OwnSymbol(void* handle, const char* name) {
-    void* symbol = dlsym(handle, name);
-    link_map* library = nullptr;
-    link_map* owner = nullptr;
-    Dl_info info;
-    if (!symbol || dlinfo(handle, RTLD_DI_LINKMAP, &library) != 0 ||
-        !dladdr1(symbol, &info, reinterpret_cast<void**>(&owner), RTLD_DL_LINKMAP))
-        return nullptr;
-    return owner == library ? symbol : nullptr;
 }
 
 // Loads the library and remembers its GetClassObject; null on failure, with

@@ -2,6 +2,9 @@
 #ifndef VELTCOM_CORE_INTERNAL_H
 #define VELTCOM_CORE_INTERNAL_H
 
+#include <dlfcn.h>
+#include <link.h>
+
 #include <cstddef>
 #include <map>
 #include <string>
@@ -59,6 +62,21 @@ public:
 private:
     wchar_t* m_p = nullptr;
 };
+
+// The address of `name` in the library opened as `handle`, or null. dlsym
+// also searches the library's dependencies, the runtime among them: only an
+// entry point the library defines itself counts. Inline, so that the
+// veltcom tool, which links only the shared library, uses the same rule.
+inline void* OwnSymbol(void* handle, const char* name) {
+    void* symbol = dlsym(handle, name);
+    link_map* library = nullptr;
+    link_map* owner = nullptr;
+    Dl_info info;
+    if (!symbol || dlinfo(handle, RTLD_DI_LINKMAP, &library) != 0 ||
+        !dladdr1(symbol, &info, reinterpret_cast<void**>(&owner), RTLD_DL_LINKMAP))
+        return nullptr;
+    return owner == library ? symbol : nullptr;
+}
 
 // Activation: the built-in object map first, then the component libraries
 // loaded earlier, then the registry and dlopen.

@@ -64,7 +64,9 @@ const char* const kFlatFunctions[] = {
     "COM_TaskMemFree", "COM_GetSysStats", "COM_ResetSysStats", "COM_CLSIDToString",
     "COM_StringToCLSID", "COM_GenerateCLSID",
     "COM_MkParseName", "COM_DecodeHRESULT",
-    "COM_GetService",
+    "COM_GetService", "COM_CreateInstance", "COM_GetClassFactory", "COM_GetCLSIDFromProgID",
+    "COM_GetProgIDFromClsid", "COM_GetDisplayNameFromClsid", "COM_GetDescriptionFromClsid",
+    "GetClassObject", "CanUnloadNow", "DllRegisterServer", "DllUnregisterServer",
 };
 
 }  // namespace
@@ -91,8 +93,12 @@ TEST_F(SharedLibrary, CxxFunctionsAreExportedUnderMangledNames) {
 TEST_F(SharedLibrary, InternalsStayHidden) {
     EXPECT_EQ(Symbol("_Z14WidenMultibytePKcmPw"), nullptr);
     EXPECT_EQ(Symbol("g_theModule"), nullptr);
-    // The implementing static members are part of the surface.
+    // The implementing members are part of the surface.
     EXPECT_NE(Symbol("_ZN17CComPlatformUtils18COM_SysAllocStringEPKw"), nullptr);
+    EXPECT_NE(Symbol("_ZN16CComClassFactory15GetClassFactoryERK9_COM_GUIDPPv"), nullptr);
+    EXPECT_NE(Symbol("_ZN14COM_CComModule14RegisterServerEi"), nullptr);
+    // The object map and the loaded-library map stay inside.
+    EXPECT_EQ(Symbol("s_com_object_mapZarvoCOM"), nullptr);
 }
 
 TEST_F(SharedLibrary, StringsMadeThroughTheLibraryHaveTheContractLayout) {

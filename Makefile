@@ -3,7 +3,7 @@ BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 PACKAGES   := cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libxerces-c-dev \
-              libxml2-utils pkg-config
+              libxml2-utils pkg-config python3
 # The builds below run make again; their directory messages are noise.
 MAKEFLAGS  += --no-print-directory
 

@@ -116,8 +116,6 @@ const COM_OBJMAP_ENTRY s_com_object_mapZarvoCOM[] = {
     {nullptr, nullptr, nullptr, nullptr},
 };
 
-const COM_OBJMAP_ENTRY* GetObjectMap() { return s_com_object_mapZarvoCOM; }
-
 HRESULT CComClassFactory::StaticGetClassObject(const COM_GUID& clsid, const COM_GUID& iid,
                                                void** out) {
     return g_theModule.GetClassObject(clsid, iid, out);

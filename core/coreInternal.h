@@ -115,7 +115,6 @@ public:
 
 // The runtime's own classes.
 extern const COM_OBJMAP_ENTRY s_com_object_mapZarvoCOM[];
-const COM_OBJMAP_ENTRY* GetObjectMap();
 
 // The shared services of COM_GetService: one object per service identifier
 // and number, made through activation on first request and kept, with one

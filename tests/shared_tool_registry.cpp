@@ -1,88 +1,56 @@
 // The veltcom tool's reg commands, the choice of registry file, and registry
 // files the runtime cannot read.
-#include <sys/stat.h>
-
 #include "shared_tool_support.h"
-#include "testComponents.h"
 
 namespace {
-
-bool Contains(const std::string& haystack, const std::string& needle) {
-    return haystack.find(needle) != std::string::npos;
-}
 
 using ToolReg = ToolTest;
 using ToolRegistryFile = ToolTest;
 
 TEST_F(ToolReg, SetMakesMissingKeysAndQueryShowsTheTree) {
     // A fresh registry has no user hive; setting a value makes it.
-    ToolRun run = Run({"reg", "set", "user", "My Key\\Sub", "name", "value"});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    ToolRun run = RunOk({"reg", "set", "user", "My Key\\Sub", "name", "value"});
     EXPECT_EQ(run.out, "set user My_Key\\Sub: name = \"value\"\n");
-    run = Run({"reg", "set", "2", "My Key/Sub", "count", "0xFFFFFFFF", "--dword"});
-    EXPECT_EQ(run.exitCode, 0) << run;
-    run = Run({"reg", "set", "user", "My Key", "", "top"});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    RunOk({"reg", "set", "2", "My Key/Sub", "count", "0xFFFFFFFF", "--dword"});
+    RunOk({"reg", "set", "user", "My Key", "", "top"});
     EXPECT_TRUE(Contains(RegistryFile(),
                          "<User><My_Key default = \"top\"><Sub><item name = \"name\" type = "
                          "\"string\" value = \"value\"/><item name = \"count\" type = \"dword\" "
                          "value = \"4294967295\"/></Sub></My_Key></User>"))
         << RegistryFile();
 
-    run = Run({"reg", "query", "user", "My Key"});
-    EXPECT_EQ(run.exitCode, 0) << run;
-    EXPECT_EQ(run.out,
-              "My_Key\n"
-              "    (default) = \"top\"\n"
-              "    Sub\n"
-              "        name = \"value\"\n"
-              "        count = 4294967295 (dword)\n");
-    // Hive numbers and names are the same hives.
-    EXPECT_EQ(Run({"reg", "query", "2", "My_Key"}).out, run.out);
+    run = RunOk({"reg", "query", "user", "My Key"});
+    EXPECT_EQ(run.out, "My_Key\n    (default) = \"top\"\n    Sub\n        name = \"value\"\n"
+                       "        count = 4294967295 (dword)\n");
+    EXPECT_EQ(Run({"reg", "query", "2", "My_Key"}).out, run.out) << "hive numbers and names";
+    const std::string json = RunJson({"reg", "query", "user"});
+    EXPECT_TRUE(Contains(json, R"("hiveNumber":2,)")) << json;
+    EXPECT_TRUE(Contains(json, R"({"name":"Sub","values":[{"name":"name","type":"string","data":)"
+                               R"("value"},{"name":"count","type":"dword","data":"4294967295"}])"))
+        << json;
 
-    const JsonValue value = RunJson({"reg", "query", "user"});
-    EXPECT_EQ(value["hiveNumber"].number, 2);
-    const JsonValue& sub = value["key"]["keys"][0]["keys"][0];
-    EXPECT_EQ(sub["name"].text, "Sub");
-    EXPECT_EQ(sub["values"][1]["type"].text, "dword");
-    EXPECT_EQ(sub["values"][1]["data"].text, "4294967295");
-}
-
-TEST_F(ToolReg, QueryOfAMissingKeyOrHiveIsAFailure) {
-    ToolRun run = Run({"reg", "query", "classes", "CLSID\\Nothing"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(OneErrorLine(run, "0x80040152", "Key is missing from the registry"));
-    // The default document has no system hive.
-    run = Run({"reg", "query", "system"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(OneErrorLine(run, "0x80040152"));
+    // A missing key, and the system hive the default document lacks.
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"reg", "query", "classes", "CLSID\\Nothing"}, {"reg", "query", "system"}})
+        EXPECT_TRUE(Failed(Run(args), 1, "0x80040152", "Key is missing from the registry"));
 }
 
 TEST_F(ToolReg, DeleteRemovesOneValueOrAWholeKey) {
-    ASSERT_EQ(Run({"reg", "set", "appdata", "A\\B", "x", "1"}).exitCode, 0);
-    ASSERT_EQ(Run({"reg", "set", "appdata", "A\\B", "y", "2"}).exitCode, 0);
-    ASSERT_EQ(Run({"reg", "set", "appdata", "A", "", "d"}).exitCode, 0);
+    RunOk({"reg", "set", "appdata", "A\\B", "x", "1"});
+    RunOk({"reg", "set", "appdata", "A\\B", "y", "2"});
+    RunOk({"reg", "set", "appdata", "A", "", "d"});
 
-    ToolRun run = Run({"reg", "delete", "appdata", "A\\B", "x"});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    RunOk({"reg", "delete", "appdata", "A\\B", "x"});
     EXPECT_FALSE(Contains(RegistryFile(), "name = \"x\""));
     EXPECT_TRUE(Contains(RegistryFile(), "name = \"y\""));
+    EXPECT_TRUE(
+        Failed(Run({"reg", "delete", "appdata", "A\\B", "x"}), 1, "0x80040153", "no value x"));
 
-    run = Run({"reg", "delete", "appdata", "A\\B", "x"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(OneErrorLine(run, "0x80040153", "no value x"));
-
-    run = Run({"reg", "delete", "appdata", "A", ""});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    RunOk({"reg", "delete", "appdata", "A", ""});
     EXPECT_FALSE(Contains(RegistryFile(), "default = \"d\""));
-
-    run = Run({"reg", "delete", "appdata", "A"});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    RunOk({"reg", "delete", "appdata", "A"});
     EXPECT_TRUE(Contains(RegistryFile(), "<ApplicationData/>")) << RegistryFile();
-
-    run = Run({"reg", "delete", "appdata", "A"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(OneErrorLine(run, "0x80040152"));
+    EXPECT_TRUE(Failed(Run({"reg", "delete", "appdata", "A"}), 1, "0x80040152"));
 }
 
 TEST_F(ToolReg, ExportWritesTheSubtreeInTheRegistryFilesForm) {
@@ -90,102 +58,55 @@ TEST_F(ToolReg, ExportWritesTheSubtreeInTheRegistryFilesForm) {
               HandMadeRegistry("<CLSID/>", "<User><K default=\"d&lt;1&gt;\"><Empty/>"
                                            "<item name=\"v\" type=\"string\" "
                                            "value=\"a&amp;b &quot;c&quot;\"/></K></User>"));
-    ToolRun run = Run({"reg", "export", "user", "K"});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    const ToolRun run = RunOk({"reg", "export", "user", "K"});
     EXPECT_EQ(run.out,
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-              "<export hive=\"user\" path=\"K\">\n"
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<export hive=\"user\" path=\"K\">\n"
               "  <K default=\"d&lt;1&gt;\">\n"
               "    <item name=\"v\" type=\"string\" value=\"a&amp;b &quot;c&quot;\"/>\n"
-              "    <Empty/>\n"
-              "  </K>\n"
-              "</export>\n");
-
-    const JsonValue value = RunJson({"reg", "export", "user", "K"});
-    EXPECT_EQ(value["key"]["values"][0]["data"].text, "d<1>");
-    EXPECT_EQ(value["key"]["values"][1]["data"].text, "a&b \"c\"");
+              "    <Empty/>\n  </K>\n</export>\n");
+    const std::string json = RunJson({"reg", "export", "user", "K"});
+    EXPECT_TRUE(Contains(json, R"("data":"d<1>")")) << json;
+    EXPECT_TRUE(Contains(json, R"("data":"a&b \"c\"")")) << json;
 }
 
 TEST_F(ToolReg, TextTheFileCannotHoldIsRefusedBeforeAnyChange) {
-    ASSERT_EQ(Run({"reg", "set", "user", "K", "n", "v"}).exitCode, 0);
+    RunOk({"reg", "set", "user", "K", "n", "v"});
     const std::string before = RegistryFile();
-    const std::vector<std::vector<std::string>> cases = {
-        {"reg", "set", "user", "K\\1st", "n", "v"},
-        {"reg", "set", "user", "K\\item", "n", "v"},
-        {"reg", "set", "user", "K", "n", "caf\xC3\xA9"},
-        {"reg", "set", "user", "K", "n", "two\nlines"},
-        {"reg", "set", "user", "K", "n", "bad \xFF utf-8"},
-    };
-    for (const auto& args : cases) {
-        const ToolRun run = Run(args);
-        EXPECT_EQ(run.exitCode, 2) << args[4] << " " << args[5] << run;
-        EXPECT_TRUE(OneErrorLine(run, "0x80070057"));
-    }
+    for (const auto& key_value : std::vector<std::pair<std::string, std::string>>{
+             {"K\\1st", "v"}, {"K\\item", "v"}, {"K", "caf\xC3\xA9"}, {"K", "two\nlines"},
+             {"K", "bad \xFF utf-8"}})
+        EXPECT_TRUE(Failed(Run({"reg", "set", "user", key_value.first, "n", key_value.second}), 2,
+                           "0x80070057")) << key_value.first << " " << key_value.second;
     EXPECT_EQ(RegistryFile(), before);
 }
 
 TEST_F(ToolReg, RegistryOptionAndComlibChooseTheFile) {
     ASSERT_EQ(mkdir(PathOf("other").c_str(), 0700), 0);
     ASSERT_EQ(mkdir(PathOf("third").c_str(), 0700), 0);
-
-    ToolRun run = Run({"--registry", "other", "reg", "set", "appdata", "Where", "", "other"});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    ToolRun run = RunOk({"--registry", "other", "reg", "set", "appdata", "Where", "", "other"});
     EXPECT_TRUE(Contains(ReadFile("other/Registry.XML"), "<Where default = \"other\"/>"));
     EXPECT_FALSE(Contains(RegistryFile(), "Where"));
 
     // COMLIB names the directory; without it the working directory holds the
     // file.
-    run = Run({"reg", "set", "appdata", "Where", "", "third"}, {"COMLIB=" + PathOf("third")});
-    EXPECT_EQ(run.exitCode, 0) << run;
+    setenv("COMLIB", PathOf("third").c_str(), 1);
+    RunOk({"reg", "set", "appdata", "Where", "", "third"});
     EXPECT_TRUE(Contains(ReadFile("third/Registry.XML"), "<Where default = \"third\"/>"));
+    unsetenv("COMLIB");
     ASSERT_EQ(chdir(PathOf("other").c_str()), 0);
-    run = Run({"reg", "query", "appdata", "Where", "--json"}, {"COMLIB"});
+    run = Run({"reg", "query", "appdata", "Where", "--json"});
     ASSERT_EQ(chdir(m_dir.c_str()), 0);
-    EXPECT_EQ(run.exitCode, 0) << run;
     EXPECT_TRUE(Contains(run.out, "\"data\":\"other\"")) << run;
 
-    run = Run({"--registry=" + PathOf("missing"), "classes"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(OneErrorLine(run, "0x80620002", "No such file or directory"));
+    EXPECT_TRUE(Failed(Run({"--registry=" + PathOf("missing"), "classes"}), 1, "0x80620002",
+                       "No such file or directory"));
 }
 
-// Commands that read or change the registry, each of which must find the
-// damage before the runtime's parser would stop the process.
-std::vector<std::vector<std::string>> RegistryCommands() {
-    return {{"classes"},
-            {"check"},
-            {"categories"},
-            {"reg", "query", "classes"},
-            {"reg", "export", "root"},
-            {"reg", "set", "user", "K", "n", "v"},
-            {"reg", "delete", "classes", "CLSID"},
-            {"register", "libtestcounter.so"},
-            {"unregister", "libtestcounter.so"},
-            {"create", "Test.Counter"},
-            {"decode", "0x806F0001"}};
-}
-
-TEST_F(ToolRegistryFile, MalformedFileIsReportedWithItsPositionNotAborted) {
-    CopyComponent(COMPONENT_testcounter);
-    const std::string malformed = "<Software><Quorvane>\n<Version></Quorvane></Software>";
-    WriteFile("Registry.XML", malformed);
-    for (const auto& args : RegistryCommands()) {
-        const ToolRun run = Run(args);
-        EXPECT_EQ(run.signal, 0) << args[0] << run;
-        EXPECT_EQ(run.exitCode, 1) << args[0] << run;
-        EXPECT_TRUE(OneErrorLine(run, "0x806D0000", "Registry.XML:2:")) << args[0];
-        EXPECT_TRUE(Contains(run.err, "expected end of tag")) << run;
-    }
-    EXPECT_EQ(RegistryFile(), malformed);
-
-    // Codes of the built-in table do not need the registry.
-    const ToolRun run = Run({"decode", "0x80004005"});
-    EXPECT_EQ(run.exitCode, 0) << run;
-}
-
-TEST_F(ToolRegistryFile, EveryFileTheRuntimeWouldStopOnIsAnError) {
+TEST_F(ToolRegistryFile, EveryFileTheRuntimeWouldStopOnIsReportedNotAborted) {
     CopyComponent(COMPONENT_testcounter);
     const std::vector<std::pair<std::string, std::string>> files = {
+        {"<Software><Quorvane>\n<Version></Quorvane></Software>",
+         "Registry.XML:2:12: fatal error: expected end of tag"},
         {"", "Registry.XML:1:1"},
         {"not xml at all", "Registry.XML:1:1"},
         {"<Software/><Second/>", "Registry.XML:1:"},
@@ -193,24 +114,26 @@ TEST_F(ToolRegistryFile, EveryFileTheRuntimeWouldStopOnIsAnError) {
         // the process at its next change.
         {"<?xml version=\"1.0\"?><!DOCTYPE Software []><Software><Quorvane><Version>"
          "<Classes><CLSID/></Classes></Version></Quorvane></Software>",
-         "document type declaration"},
-    };
+         "document type declaration"}};
+    // Every command that reads or changes the registry must find the damage
+    // before the runtime's parser would stop the process.
+    const std::vector<std::vector<std::string>> commands = {
+        {"classes"}, {"check"}, {"categories"}, {"reg", "query", "classes"},
+        {"reg", "export", "root"}, {"reg", "set", "user", "K", "n", "v"},
+        {"reg", "delete", "classes", "CLSID"}, {"register", "libtestcounter.so"},
+        {"unregister", "libtestcounter.so"}, {"create", "Test.Counter"},
+        {"decode", "0x806F0001"}};
     for (const auto& file : files) {
         WriteFile("Registry.XML", file.first);
-        for (const auto& args : RegistryCommands()) {
-            const ToolRun run = Run(args);
-            EXPECT_EQ(run.signal, 0) << file.first << run;
-            EXPECT_EQ(run.exitCode, 1) << file.first << run;
-            EXPECT_TRUE(OneErrorLine(run, "0x806D0000", file.second)) << file.first;
-        }
+        for (const auto& args : commands)
+            EXPECT_TRUE(Failed(Run(args), 1, "0x806D0000", file.second)) << args[0];
         EXPECT_EQ(RegistryFile(), file.first);
     }
+    EXPECT_EQ(Run({"decode", "0x80004005"}).exitCode, 0) << "the built-in table needs no registry";
 
     ASSERT_EQ(unlink(PathOf("Registry.XML").c_str()), 0);
     ASSERT_EQ(mkdir(PathOf("Registry.XML").c_str(), 0700), 0);
-    const ToolRun run = Run({"classes"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(OneErrorLine(run, "0x80620015", "Is a directory"));
+    EXPECT_TRUE(Failed(Run({"classes"}), 1, "0x80620015", "Is a directory"));
 }
 
 }  // namespace

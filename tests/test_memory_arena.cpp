@@ -13,17 +13,19 @@
 
 namespace {
 
+typedef CVirtualAllocationStrategy Strategy;
+typedef std::pair<unsigned long, unsigned long> Pair;
 const unsigned long kPage = static_cast<unsigned long>(getpagesize());
 
 uint64_t BlockSizeOf(const void* p) { return static_cast<const uint64_t*>(p)[-1]; }
-
 char* At(void* p) { return static_cast<char*>(p); }
 
 // Free blocks and free bytes, or {~0, ~0} without reuse.
-std::pair<unsigned long, unsigned long> FreeCount(CVirtualAllocationStrategy& strategy) {
+Pair FreeCount(Strategy& strategy) {
     unsigned long bytes = ~0UL, overhead = ~0UL, blocks = ~0UL;
-    if (!strategy.GetFreeInfo(bytes, overhead, blocks)) return {blocks, bytes};
-    EXPECT_EQ(overhead, 8 * blocks);
+    if (strategy.GetFreeInfo(bytes, overhead, blocks)) {
+        EXPECT_EQ(overhead, 8 * blocks);
+    }
     return {blocks, bytes};
 }
 
@@ -32,7 +34,7 @@ bool IsMapped(const void* page) {
     return mincore(const_cast<void*>(page), 1, &resident) == 0 || errno != ENOMEM;
 }
 
-std::string FreeFailure(CVirtualAllocationStrategy& strategy, void* p) {
+std::string FreeFailure(Strategy& strategy, void* p) {
     try {
         strategy.Free(p);
     } catch (const std::invalid_argument& e) {
@@ -43,91 +45,69 @@ std::string FreeFailure(CVirtualAllocationStrategy& strategy, void* p) {
 
 }  // namespace
 
-TEST(VirtualArena, SmallRequestsTakeSixteenByteBlocksHandedOutEightBytesIn) {
-    CVirtualAllocationStrategy strategy(nullptr, kPage, false, nullptr);
+TEST(VirtualArena, BlocksAreAtLeastSixteenBytesAndPagesAreCommittedWhole) {
+    Strategy strategy(nullptr, 4 * kPage - 100, false, nullptr);  // rounds up to 4 pages
+    EXPECT_EQ(strategy.GetCommittedMemory(), 0u);
     char* a = At(strategy.Alloc(0));
     char* b = At(strategy.Alloc(8));
     char* c = At(strategy.Alloc(9));
-    ASSERT_NE(a, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(a) % kPage, 8u);  // the first block starts the arena
-    EXPECT_EQ(BlockSizeOf(a), 16u);
-    EXPECT_EQ(BlockSizeOf(b), 16u);
-    EXPECT_EQ(BlockSizeOf(c), 24u);
+    EXPECT_EQ(BlockSizeOf(a) + BlockSizeOf(b) + BlockSizeOf(c), 16u + 16u + 24u);
     EXPECT_EQ(b, a + 16);
     EXPECT_EQ(c, b + 16);
-}
-
-TEST(VirtualArena, CommittedMarkAdvancesInWholePagesAndAvailableLiesAboveIt) {
-    CVirtualAllocationStrategy strategy(nullptr, 4 * kPage - 100, false, nullptr);  // rounds up to 4 pages
-    EXPECT_EQ(strategy.GetCommittedMemory(), 0u);
-    ASSERT_NE(strategy.Alloc(8), nullptr);
     EXPECT_EQ(strategy.GetCommittedMemory(), kPage);
-    EXPECT_EQ(strategy.GetAvailableMemory(), 3 * kPage);  // not 4 pages less 16 bytes
-    ASSERT_NE(strategy.Alloc(kPage - 24), nullptr);        // ends exactly on the first page
+    EXPECT_EQ(strategy.GetAvailableMemory(), 3 * kPage);  // above the committed mark
+    ASSERT_NE(strategy.Alloc(kPage - 64), nullptr);        // ends exactly on the first page
     EXPECT_EQ(strategy.GetCommittedMemory(), kPage);
     ASSERT_NE(strategy.Alloc(kPage + 8), nullptr);  // a page and 16 bytes: two more pages
     EXPECT_EQ(strategy.GetCommittedMemory(), 3 * kPage);
     EXPECT_EQ(strategy.GetAvailableMemory(), kPage);
 }
 
-TEST(VirtualArena, FreeBlockIsCutFromItsEndOnlyWhileSixteenBytesRemain) {
-    CVirtualAllocationStrategy strategy(nullptr, kPage, true, nullptr);
-    char* a = At(strategy.Alloc(24));  // a 32-byte block
-    char* b = At(strategy.Alloc(24));
-    ASSERT_NE(strategy.Alloc(8), nullptr);
-    strategy.Free(a);
-    EXPECT_EQ(FreeCount(strategy), std::make_pair(1UL, 24UL));
-    EXPECT_EQ(strategy.Alloc(8), a + 16);  // the tail of the free block
-    EXPECT_EQ(BlockSizeOf(a), 16u);        // which shrank in place
-    EXPECT_EQ(FreeCount(strategy), std::make_pair(1UL, 8UL));
-    EXPECT_EQ(strategy.Alloc(1), a);  // an exact fit is taken whole
-    EXPECT_EQ(FreeCount(strategy), std::make_pair(0UL, 0UL));
-
-    strategy.Free(b);
-    EXPECT_EQ(strategy.Alloc(16), b);  // 24 from 32 leaves 8: taken whole,
-    EXPECT_EQ(BlockSizeOf(b), 32u);    // the slack stays with the caller
-    strategy.Free(b);
-    EXPECT_EQ(FreeCount(strategy), std::make_pair(1UL, 24UL));
-}
-
-TEST(VirtualArena, FreeListIsNewestFirstFirstFitAndNeverMerges) {
-    CVirtualAllocationStrategy strategy(nullptr, kPage, true, nullptr);
+TEST(VirtualArena, FreeListIsNewestFirstFirstFitCutsTailsAndNeverMerges) {
+    Strategy strategy(nullptr, kPage, true, nullptr);
     char* a = At(strategy.Alloc(8));   // 16
     char* b = At(strategy.Alloc(24));  // 32, right after a
     char* c = At(strategy.Alloc(8));   // 16
     char* guard = At(strategy.Alloc(8));
     for (char* p : {a, b, c}) strategy.Free(p);
-    EXPECT_EQ(FreeCount(strategy), std::make_pair(3UL, 40UL));
+    EXPECT_EQ(FreeCount(strategy), Pair(3, 40));
     EXPECT_EQ(strategy.Alloc(32), guard + 16);  // a and b side by side would hold 40, but never merge
-    EXPECT_EQ(strategy.Alloc(24), b);           // c is newest but too small
+    EXPECT_EQ(strategy.Alloc(9), b);  // c is newest but too small; 24 from 32 leaves 8: taken whole,
+    EXPECT_EQ(BlockSizeOf(b), 32u);   // the slack stays with the caller
     EXPECT_EQ(strategy.Alloc(8), c);
     EXPECT_EQ(strategy.Alloc(8), a);
+
+    strategy.Free(b);
+    EXPECT_EQ(strategy.Alloc(8), b + 16);  // the tail of the 32-byte block,
+    EXPECT_EQ(BlockSizeOf(b), 16u);        // which shrank in place
+    EXPECT_EQ(FreeCount(strategy), Pair(1, 8));
+    EXPECT_EQ(strategy.Alloc(1), b);  // an exact fit is taken whole
+    EXPECT_EQ(FreeCount(strategy), Pair(0, 0));
 }
 
 TEST(VirtualArena, WithoutReuseFreeIgnoresEveryPointerAndKeepsNoFreeList) {
-    CVirtualAllocationStrategy strategy(nullptr, kPage, false, nullptr);
+    Strategy strategy(nullptr, kPage, false, nullptr);
     char* p = At(strategy.Alloc(8));
-    const unsigned long available = strategy.GetAvailableMemory();
     int local = 0;
     strategy.Free(p);
     strategy.Free(&local);
-    EXPECT_EQ(strategy.GetAvailableMemory(), available);
     EXPECT_EQ(strategy.Alloc(8), p + 16);
-    EXPECT_EQ(FreeCount(strategy), std::make_pair(~0UL, ~0UL));  // outputs untouched
+    EXPECT_EQ(FreeCount(strategy), Pair(~0UL, ~0UL));  // outputs untouched
 }
 
 TEST(VirtualArena, FreeOfAPointerNoArenaHoldsThrowsInvalidArgumentWithReuse) {
-    CVirtualAllocationStrategy strategy(nullptr, 4 * kPage, true, nullptr);
+    Strategy strategy(nullptr, 4 * kPage, true, nullptr);
     char* p = At(strategy.Alloc(8));
     const std::string expected = "CVirtualAllocationStrategy::FindArenaOfBlock: Block is not in any arena";
-    int local = 0;
-    EXPECT_EQ(FreeFailure(strategy, &local), expected);
-    EXPECT_EQ(FreeFailure(strategy, p + 64), expected);  // mapped, but above the bump pointer
-    EXPECT_EQ(FreeFailure(strategy, p - 8), expected);   // its block would start below the arena
-    EXPECT_EQ(FreeFailure(strategy, p + 3), expected);   // no block starts misaligned
-    EXPECT_EQ(FreeFailure(strategy, nullptr), expected);
-    EXPECT_EQ(FreeCount(strategy).first, 0u);
     EXPECT_EQ(std::wstring(g_wszMeBlockNotInArena), std::wstring(expected.begin(), expected.end()));
+    int local = 0;
+    // Not mapped; mapped but above the bump pointer; a block starting below
+    // the arena; misaligned; null.
+    for (void* wrong : {static_cast<void*>(&local), static_cast<void*>(p + 64), static_cast<void*>(p - 8),
+                        static_cast<void*>(p + 3), static_cast<void*>(nullptr)})
+        EXPECT_EQ(FreeFailure(strategy, wrong), expected) << wrong;
+    EXPECT_EQ(FreeCount(strategy).first, 0u);
 
     // The memory object passes it on and does not count the free.
     utlAutoIf<COM_IMemory, &COM_IID_IMemory> memory;
@@ -140,7 +120,7 @@ TEST(VirtualArena, FreeOfAPointerNoArenaHoldsThrowsInvalidArgumentWithReuse) {
 }
 
 TEST(VirtualArena, RequestBiggerThanAnArenaMapsANewArenaOnEveryAttemptAndFails) {
-    CVirtualAllocationStrategy strategy(nullptr, kPage, false, nullptr);
+    Strategy strategy(nullptr, kPage, false, nullptr);
     EXPECT_EQ(strategy.Alloc(kPage - 7), nullptr);  // a block of a page and 8 bytes
     EXPECT_EQ(strategy.Alloc(kPage), nullptr);
     EXPECT_EQ(strategy.Arenas().size(), 3u);
@@ -148,14 +128,13 @@ TEST(VirtualArena, RequestBiggerThanAnArenaMapsANewArenaOnEveryAttemptAndFails) 
     EXPECT_NE(strategy.Alloc(kPage - 8), nullptr);  // a block of exactly one page fits
     EXPECT_EQ(strategy.Arenas().size(), 3u);
     // Sizes whose block size would wrap never become small blocks.
-    for (unsigned long size : {~0UL, ~0UL - 7, ~0UL - 8, ~0UL - 15, ~0UL - 16, ~0UL - 23, 1UL << 63}) {
+    for (unsigned long size : {~0UL, ~0UL - 7, ~0UL - 8, ~0UL - 15, ~0UL - 16, ~0UL - 23, 1UL << 63})
         EXPECT_EQ(strategy.Alloc(size), nullptr) << std::hex << size;
-    }
     EXPECT_EQ(strategy.GetCommittedMemory(), kPage);
 }
 
 TEST(VirtualArena, FailingArenasRotateToTheBackAndANewArenaGoesToTheFront) {
-    CVirtualAllocationStrategy strategy(nullptr, kPage, true, nullptr);
+    Strategy strategy(nullptr, kPage, true, nullptr);
     CVirtualArena* first = strategy.Arenas().front();
     char* a = At(strategy.Alloc(kPage - 8));  // fills the first arena
     char* b = At(strategy.Alloc(kPage - 8));  // so a second is mapped
@@ -174,17 +153,13 @@ TEST(VirtualArena, FailingArenasRotateToTheBackAndANewArenaGoesToTheFront) {
 }
 
 TEST(VirtualArena, ResetAndDestructionUnmapEveryArena) {
-    auto* strategy = new CVirtualAllocationStrategy(nullptr, kPage, true, nullptr);
+    auto* strategy = new Strategy(nullptr, kPage, true, nullptr);
     char* blocks[3];
     for (char*& block : blocks) block = At(strategy->Alloc(kPage - 8)) - 8;  // one arena each
     EXPECT_EQ(strategy->Reset(), S_OK);
     ASSERT_EQ(strategy->Arenas().size(), 1u);
     char* fresh = At(strategy->Alloc(8)) - 8;
-    for (char* old : blocks) {
-        if (old != fresh) {
-            EXPECT_FALSE(IsMapped(old));
-        }
-    }
+    for (char* old : blocks) EXPECT_TRUE(old == fresh || !IsMapped(old));
     delete strategy;
     EXPECT_FALSE(IsMapped(fresh));
 }
@@ -193,6 +168,6 @@ TEST(VirtualArena, FirstArenaIsMappedAtTheCallersAddressHint) {
     void* hole = mmap(nullptr, 4 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(hole, MAP_FAILED);
     ASSERT_EQ(munmap(hole, 4 * kPage), 0);
-    CVirtualAllocationStrategy strategy(hole, 4 * kPage, false, nullptr);
+    Strategy strategy(hole, 4 * kPage, false, nullptr);
     EXPECT_EQ(At(strategy.Alloc(8)) - 8, hole);
 }

@@ -235,25 +235,16 @@ HRESULT StoreText(const std::wstring& content, wchar_t** text, HRESULT result) {
 // The built-in table's text. S_FALSE tells the caller that the text is the
 // library's generic one.
 HRESULT StoreTableText(int hr, wchar_t** text) {
-    try {
-        return StoreText(COM_HRESULT_Expansion(hr), text, S_FALSE);
-    } catch (const std::bad_alloc&) {
-        *text = nullptr;
-        return E_OUTOFMEMORY;
-    }
+    return StoreText(COM_HRESULT_Expansion(hr), text, S_FALSE);
 }
 
 // The system's own text for the error number in the low 16 bits, without
-// the bracketed code the table would add.
+// the bracketed code the table would add. A text the locale cannot convert
+// raises std::bad_alloc, leaving `text` unwritten.
 HRESULT StoreSystemText(int hr, wchar_t** text) {
-    try {
-        std::wstring message;
-        AppendSystemErrorText(message, hr & 0xFFFF);
-        return StoreText(message, text, S_OK);
-    } catch (const std::bad_alloc&) {
-        *text = nullptr;
-        return E_OUTOFMEMORY;
-    }
+    std::wstring message;
+    AppendSystemErrorText(message, hr & 0xFFFF);
+    return StoreText(message, text, S_OK);
 }
 
 // Codes of the higher facilities go to the decoder registered for the

@@ -5,7 +5,16 @@
 #include "categoriesInternal.h"
 #include "core/coreInternal.h"
 
+namespace {
+// The key below the classes root that holds every category.
 const wchar_t kComponentCategoriesKey[] = L"ComponentCategories";
+}  // namespace
+
+void OpenCategories(COM_IRegistry* registry, const wchar_t* catKey) {
+    COM_HRESULT_EXCEPTION hr = registry->Open(1, L"");
+    hr = registry->OpenKey(kComponentCategoriesKey);
+    if (catKey) hr = registry->OpenKey(catKey);
+}
 
 namespace {
 
@@ -100,8 +109,7 @@ HRESULT CCatMgr::UnRegisterCategory(const COM_GUID& catid) {
     CAutoBstr catKey;
     try {
         COM_HRESULT_EXCEPTION hr = COM_CLSIDToString(catid, catKey.Out());
-        hr = m_spRegistry->Open(1, L"");
-        hr = m_spRegistry->OpenKey(kComponentCategoriesKey);
+        OpenCategories(m_spRegistry, nullptr);
         // The members go with the category.
         hr = m_spRegistry->DeleteKey(catKey.Get());
         hr = m_spRegistry->Close();
@@ -117,9 +125,7 @@ HRESULT CCatMgr::UnRegisterClassInCategory(const COM_GUID& catid, const COM_GUID
     try {
         COM_HRESULT_EXCEPTION hr = COM_CLSIDToString(catid, catKey.Out());
         hr = COM_CLSIDToString(clsid, classKey.Out());
-        hr = m_spRegistry->Open(1, L"");
-        hr = m_spRegistry->OpenKey(kComponentCategoriesKey);
-        hr = m_spRegistry->OpenKey(catKey.Get());
+        OpenCategories(m_spRegistry, catKey.Get());
         hr = m_spRegistry->DeleteKey(classKey.Get());
         hr = m_spRegistry->Close();
         return S_OK;
@@ -133,9 +139,7 @@ HRESULT CCatMgr::GetCategoryDescription(const COM_GUID& catid, wchar_t** descrip
     CAutoBstr catKey;
     try {
         COM_HRESULT_EXCEPTION hr = COM_CLSIDToString(catid, catKey.Out());
-        hr = m_spRegistry->Open(1, L"");
-        hr = m_spRegistry->OpenKey(kComponentCategoriesKey);
-        hr = m_spRegistry->OpenKey(catKey.Get());
+        OpenCategories(m_spRegistry, catKey.Get());
         hr = m_spRegistry->GetValueString(L"", description);
         hr = m_spRegistry->Close();
         return S_OK;

@@ -196,8 +196,7 @@ HRESULT CCatEnumerator::Initialize(COM_IRegistry* registry) {
     if (!registry) return E_POINTER;
     m_spRegistry = registry;
     try {
-        COM_HRESULT_EXCEPTION hr = m_spRegistry->Open(1, L"");
-        hr = m_spRegistry->OpenKey(kComponentCategoriesKey);
+        OpenCategories(m_spRegistry, nullptr);
         // Left open: every Next opens the registry anew.
         return ReadNames();
     } catch (int hr) {
@@ -207,9 +206,7 @@ HRESULT CCatEnumerator::Initialize(COM_IRegistry* registry) {
 
 void CCatEnumerator::FillElement(const wchar_t* name, COM_CATEGORYINFO* info) {
     COM_HRESULT_EXCEPTION hr = COM_StringToCLSID(name, &info->catid);
-    hr = m_spRegistry->Open(1, L"");
-    hr = m_spRegistry->OpenKey(kComponentCategoriesKey);
-    hr = m_spRegistry->OpenKey(name);
+    OpenCategories(m_spRegistry, name);
     CAutoBstr text;
     hr = m_spRegistry->GetValueString(L"", text.Out());
     hr = m_spRegistry->Close();
@@ -232,10 +229,8 @@ HRESULT CClsidEnumerator::Initialize(const COM_GUID& catid, COM_IRegistry* regis
     CAutoBstr catKey;
     try {
         COM_HRESULT_EXCEPTION hr = COM_CLSIDToString(catid, catKey.Out());
-        hr = m_spRegistry->Open(1, L"");
-        hr = m_spRegistry->OpenKey(kComponentCategoriesKey);
         // A category that does not exist fails here.
-        hr = m_spRegistry->OpenKey(catKey.Get());
+        OpenCategories(m_spRegistry, catKey.Get());
         hr = ReadNames();
         return m_spRegistry->Close();
     } catch (int hr) {

@@ -6,8 +6,9 @@
 
 #include "veltcom.h"
 
-// The key below the classes root that holds every category.
-extern const wchar_t kComponentCategoriesKey[];
+// Opens hive 1 and walks down to ComponentCategories and, when `catKey` is
+// given, to that category. A failing step throws its status.
+void OpenCategories(COM_IRegistry* registry, const wchar_t* catKey);
 
 using CatRegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 

@@ -187,8 +187,7 @@ TEST_F(Monikers, LowerFacilitiesAreDecodedWithoutAskingADecoder) {
     SetValue(L"Moniker\\hresult", L"63", TextOf(CLSID_RecordingDecoder));
     // Facility 98: the system's text alone, with S_OK.
     for (uint32_t hr : {0x80620002u, 0x00620002u, 0x8062000Du, 0x0062000Du}) {
-        const std::string system = std::strerror(hr & 0xFFFF);
-        EXPECT_EQ(Decode(hr), Result(S_OK, std::wstring(system.begin(), system.end())));
+        EXPECT_EQ(Decode(hr), Result(S_OK, SystemText(hr & 0xFFFF)));
     }
     EXPECT_EQ(Decode(0x8062FFFF).second.find(L'['), std::wstring::npos) << "no bracketed code";
     // Every other facility up to 99: the table's text, with S_FALSE.

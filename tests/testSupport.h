@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <veltcom.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,14 @@ inline std::wstring Take(wchar_t* text) {
     const std::wstring result = text ? std::wstring(text, COM_SysStringLen(text)) : L"";
     COM_SysFreeString(text);
     return result;
+}
+
+// The system's own text for an error number, widened in the current locale.
+inline std::wstring SystemText(int number) {
+    const char* text = std::strerror(number);
+    std::wstring wide(std::strlen(text), L'\0');
+    wide.resize(std::mbstowcs(&wide[0], text, wide.size()));
+    return wide;
 }
 
 // The object's reference count, read through AddRef and Release.

@@ -9,6 +9,7 @@
 
 #include "comBase.h"
 #include "comException.h"
+#include "testSupport.h"
 
 namespace {
 
@@ -16,13 +17,6 @@ std::wstring Describe(const CVXException& e) {
     std::wostringstream out;
     out << e;
     return out.str();
-}
-
-std::wstring SystemText(int number) {
-    const char* text = std::strerror(number);
-    std::wstring wide(std::strlen(text), L'\0');
-    wide.resize(std::mbstowcs(&wide[0], text, wide.size()));
-    return wide;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "comApi.h"
+#include "testSupport.h"
 
 // Counts allocations, so that the expansion's one-allocation budget is checked.
 static int g_allocations = 0;
@@ -86,13 +87,6 @@ std::wstring Bracketed(uint32_t code) {
     wchar_t field[16];
     std::swprintf(field, 16, L" [%8X]", code);
     return field;
-}
-
-std::wstring SystemText(int number) {
-    const char* text = std::strerror(number);
-    std::wstring wide(std::strlen(text), L'\0');
-    wide.resize(std::mbstowcs(&wide[0], text, wide.size()));
-    return wide;
 }
 
 }  // namespace

@@ -280,7 +280,10 @@ TEST_F(Activation, RuntimeRegistersItsBuiltInClasses) {
     const struct {
         const COM_GUID* clsid;
         const wchar_t* progId;
-    } builtIns[] = {{&COM_CLSID_Registry, L"ZarvoCOM.Registry"}};
+    } builtIns[] = {{&COM_CLSID_Registry, L"ZarvoCOM.Registry"},
+                    {&COM_CLSID_CategoryManager, L"ZarvoCategoryManager"},
+                    {&COM_CLSID_Memory, L"ZarvoCom.Memory"},
+                    {&COM_CLSID_HResultDecoderBinder, L"ZarvoCOM.Decoder"}};
     for (const auto& builtIn : builtIns) {
         const std::wstring classKey = L"CLSID\\" + TextOf(*builtIn.clsid);
         EXPECT_EQ(DefaultValue(classKey + L"\\InprocServer32"), L"libveltcom.so");

@@ -171,3 +171,25 @@ TEST(VirtualArena, FirstArenaIsMappedAtTheCallersAddressHint) {
     Strategy strategy(hole, 4 * kPage, false, nullptr);
     EXPECT_EQ(At(strategy.Alloc(8)) - 8, hole);
 }
+
+TEST(VirtualArena, DiagnosticTextsAreExportedExactlyAsWritten) {
+    const std::pair<const wchar_t*, const wchar_t*> texts[] = {
+        {g_wszMeArenaCreating, L"CVirtualArena: creating arena of size 0x"},
+        {g_wszMeArenaReserved, L"CVirtualArena: reserved address 0x"},
+        {g_wszMeArenaDecommitting, L"CVirtualArena: destructor decommitting 0x"},
+        {g_wszMeArenaFreeing, L"CVirtualArena: destructor freeing 0x"},
+        {g_wszMeAllocInArenaFailed,
+         L"CVirtualAllocationStrategy::AllocInArena failed (out of memory in this arena) - will "
+         L"retry in next arena\r\n"},
+        {g_wszMeCommitFailed,
+         L"CVirtualArena::Alloc failed (unable to commit memory in this arena) - will retry in "
+         L"next arena\r\n"},
+        {g_wszMeNewArenaFailed,
+         L"CVirtualAllocationStrategy:Alloc Failed to create a new arena - EFFECTIVELY OUT OF "
+         L"VIRTUAL MEMORY"},
+        {g_wszMeNewArenaAllocFailed,
+         L"CVirtualAllocationStrategy::Alloc Failed to allocate memory in new arena - OUT OF MEMORY "
+         L"*OR* MEMORY REQUEST EXCEEDS ARENA SIZE"},
+    };
+    for (const auto& text : texts) EXPECT_STREQ(text.first, text.second);
+}

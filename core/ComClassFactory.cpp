@@ -10,6 +10,7 @@
 #include <string>
 
 #include "coreInternal.h"
+#include "libraryTrust.h"
 #include "categories/categoriesInternal.h"
 #include "memory/memoryInternal.h"
 #include "registry/regRegistry.h"
@@ -50,11 +51,14 @@ void SetClassNotAvailableError(const COM_GUID& clsid) {
     COM_SysFreeString(text);
 }
 
-void SetLoadError(const char* reason) {
-    char message[257] = {};
-    if (reason) std::strncpy(message, reason, 256);
+// Reports a library that could not be loaded. The description names the path
+// that was opened, since the registered name may point elsewhere; the
+// loader's own text usually starts with it already.
+void SetLoadError(const std::string& path, std::string description) {
+    if (description.compare(0, path.size() + 1, path + ":") != 0)
+        description = path + ": " + description;
     try {
-        SetActivationError(a2wStr(message, std::strlen(message), 0));
+        SetActivationError(a2wStr(description.c_str(), description.size(), 0));
     } catch (const std::bad_alloc&) {
         // A text the locale cannot convert leaves no error information; the
         // load failure is reported all the same.
@@ -71,18 +75,26 @@ const char* BaseName(const std::string& name) {
 // Loads the library and remembers its GetClassObject; null on failure, with
 // `hr` set.
 PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
+    hr = CO_E_DLLNOTFOUND;
     const std::string narrow = NarrowWide(name.c_str());
     char path[kPathBufferSize];
     int length = std::snprintf(path, sizeof path, "./%s", BaseName(narrow));
     if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
-        SetLoadError("library name too long");
-        hr = CO_E_DLLNOTFOUND;
+        SetLoadError(std::string("./") + BaseName(narrow), "library name too long");
+        return nullptr;
+    }
+    // A library's constructors run as soon as it is opened: refuse first.
+    const std::string refusal = LibraryRefusal(path);
+    if (!refusal.empty()) {
+        SetLoadError(path, "refused, " + refusal +
+                               " (VELTCOM_ALLOW_INSECURE_LIBRARIES=1 loads it anyway)");
         return nullptr;
     }
     void* handle = dlopen(path, RTLD_LAZY | RTLD_GLOBAL);
     if (!handle) {
-        SetLoadError(dlerror());
-        hr = CO_E_DLLNOTFOUND;
+        // The loader's text, as much of it as its 256-byte buffer held.
+        const char* text = dlerror();
+        SetLoadError(path, std::string(text ? text : "").substr(0, 256));
         return nullptr;
     }
     void* getClassObject = OwnSymbol(handle, "GetClassObject");

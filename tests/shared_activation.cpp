@@ -3,9 +3,12 @@
 // error information left behind on failure.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cwchar>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -318,4 +321,104 @@ TEST_F(Activation, MonikerValueNamesAreRegisteredAndRemovedWithTheClass) {
     ASSERT_EQ(registry->Open(1, L"Moniker\\sample"), S_OK);
     EXPECT_EQ(registry->GetValueString(L"a", nullptr), REGDB_E_INVALIDVALUE);
     EXPECT_EQ(registry->GetValueString(L"b", nullptr), REGDB_E_INVALIDVALUE);
+}
+
+namespace {
+
+// A library that other users could have replaced is refused before it is
+// opened, so none of its code runs.
+class Loading : public Activation {
+protected:
+    void TearDown() override {
+        unsetenv("VELTCOM_ALLOW_INSECURE_LIBRARIES");
+        Activation::TearDown();
+    }
+
+    // Registers the counter and copies it into the working directory.
+    void InstallCounterCopy() {
+        CopyComponent(COMPONENT_testcounter);
+        RegisterServerPath(CLSID_Counter, L"/opt/app/libtestcounter.so");
+    }
+
+    HRESULT ActivateCounter() {
+        CounterPtr counter;
+        return COM_CreateInstance(CLSID_Counter, nullptr, IID_ICounter, counter.OutVoid());
+    }
+};
+
+}  // namespace
+
+TEST_F(Loading, LibrariesOthersCouldReplaceAreRefusedBeforeOpening) {
+    const struct {
+        const char* name;
+        std::function<void()> arrange;
+        const wchar_t* reason;
+    } cases[] = {
+        {"world-writable file",
+         [this] { chmod(PathOf("libtestcounter.so").c_str(), 0666); },
+         L"the file is writable by every user"},
+        {"world-writable directory without sticky bit",
+         [this] { chmod(m_dir.c_str(), 0777); },
+         L"is writable by every user and has no sticky bit"},
+        {"link into a world-writable directory",
+         [this] {
+             std::filesystem::create_directory(PathOf("open"));
+             chmod(PathOf("open").c_str(), 0777);
+             std::filesystem::rename(PathOf("libtestcounter.so"),
+                                     PathOf("open/libtestcounter.so"));
+             std::filesystem::create_symlink("open/libtestcounter.so",
+                                             PathOf("libtestcounter.so"));
+         },
+         L"/open is writable by every user and has no sticky bit"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        InstallCounterCopy();
+        chmod(m_dir.c_str(), 0700);
+        c.arrange();
+        COM_ClearErrorInfo();
+        g_dlopenPaths.clear();
+
+        EXPECT_EQ(ActivateCounter(), CO_E_DLLNOTFOUND);
+        EXPECT_TRUE(g_dlopenPaths.empty());
+        const std::wstring error = CurrentError();
+        EXPECT_EQ(error.rfind(L"./libtestcounter.so: refused, ", 0), 0u) << error.c_str();
+        EXPECT_NE(error.find(c.reason), std::wstring::npos) << error.c_str();
+        EXPECT_NE(error.find(L"VELTCOM_ALLOW_INSECURE_LIBRARIES=1"), std::wstring::npos);
+        std::filesystem::remove_all(PathOf("open"));
+        std::filesystem::remove(PathOf("libtestcounter.so"));
+    }
+}
+
+TEST_F(Loading, LibraryOwnedByAnotherUserIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "giving a file away needs root";
+    InstallCounterCopy();
+    ASSERT_EQ(chown(PathOf("libtestcounter.so").c_str(), 12345, 12345), 0);
+    EXPECT_EQ(ActivateCounter(), CO_E_DLLNOTFOUND);
+    EXPECT_TRUE(g_dlopenPaths.empty());
+    EXPECT_NE(CurrentError().find(L"owned by user 12345, neither root nor this process's user"),
+              std::wstring::npos)
+        << CurrentError().c_str();
+}
+
+TEST_F(Loading, StickyWorldWritableDirectoryIsAccepted) {
+    InstallCounterCopy();
+    chmod(m_dir.c_str(), 01777);
+    EXPECT_EQ(ActivateCounter(), S_OK) << CurrentError().c_str();
+}
+
+TEST_F(Loading, RefusalCanBeTurnedOff) {
+    InstallCounterCopy();
+    chmod(PathOf("libtestcounter.so").c_str(), 0666);
+    setenv("VELTCOM_ALLOW_INSECURE_LIBRARIES", "1", 1);
+    EXPECT_EQ(ActivateCounter(), S_OK) << CurrentError().c_str();
+    EXPECT_EQ(g_dlopenPaths, std::vector<std::string>{"./libtestcounter.so"});
+}
+
+TEST_F(Loading, LoadFailureNamesThePathOpenedNotTheRegisteredOne) {
+    RegisterServerPath(CLSID_Counter, L"/opt/app/libmissing.so");
+    EXPECT_EQ(ActivateCounter(), CO_E_DLLNOTFOUND);
+    const std::wstring error = CurrentError();
+    EXPECT_EQ(error.rfind(L"./libmissing.so: ", 0), 0u) << error.c_str();
+    EXPECT_EQ(error.find(L"/opt/app"), std::wstring::npos) << error.c_str();
 }

@@ -58,10 +58,10 @@ HRESULT CCatMgr::QueryInterface(const COM_GUID& riid, void** ppv) {
     return S_OK;
 }
 
-unsigned long CCatMgr::AddRef() { return ++m_cRef; }
+unsigned long CCatMgr::AddRef() { return m_cRef.fetch_add(1, std::memory_order_relaxed) + 1; }
 
 unsigned long CCatMgr::Release() {
-    const unsigned long count = --m_cRef;
+    const unsigned long count = m_cRef.fetch_sub(1, std::memory_order_acq_rel) - 1;
     if (count == 0) delete this;
     return count;
 }

@@ -76,12 +76,12 @@ HRESULT CCatEnumBase<D, I, piid, E>::QueryInterface(const COM_GUID& riid, void**
 
 template <class D, class I, const COM_GUID* piid, class E>
 unsigned long CCatEnumBase<D, I, piid, E>::AddRef() {
-    return ++m_cRef;
+    return m_cRef.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 template <class D, class I, const COM_GUID* piid, class E>
 unsigned long CCatEnumBase<D, I, piid, E>::Release() {
-    const unsigned long count = --m_cRef;
+    const unsigned long count = m_cRef.fetch_sub(1, std::memory_order_acq_rel) - 1;
     if (count == 0) delete this;
     return count;
 }

@@ -2,6 +2,7 @@
 #ifndef VELTCOM_CATEGORIES_INTERNAL_H
 #define VELTCOM_CATEGORIES_INTERNAL_H
 
+#include <atomic>
 #include <memory>
 
 #include "veltcom.h"
@@ -14,7 +15,8 @@ using CatRegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 
 // Declares categories and membership. It keeps nothing in memory: every
 // operation opens the shared registry, does its one change or read and
-// closes it again.
+// closes it again. Its count is atomic: services hand one manager to many
+// threads.
 class CCatMgr : public COM_ICatRegister,
                 public COM_ICatInformation,
                 public COM_CComCoClass<CCatMgr, &COM_CLSID_CategoryManager> {
@@ -44,7 +46,7 @@ private:
     CCatMgr(const CCatMgr&) = delete;
     CCatMgr& operator=(const CCatMgr&) = delete;
 
-    unsigned long m_cRef = 1;
+    std::atomic<unsigned long> m_cRef{1};
     CatRegistryPtr m_spRegistry;
 };
 
@@ -52,7 +54,8 @@ private:
 // source, so the strings go once, with the last enumerator that uses them.
 using CatNameList = std::shared_ptr<const CVecBstr>;
 
-// Cursor and lifetime shared by both enumerators. Derived supplies
+// Cursor and lifetime shared by both enumerators. The count is atomic; the
+// cursor belongs to one thread at a time. Derived supplies
 // FillElement(name, element), which throws a failing status as an int.
 template <class Derived, class Interface, const COM_GUID* piid, class Element>
 class CCatEnumBase : public Interface {
@@ -86,7 +89,7 @@ protected:
     HRESULT ReadNames();
     unsigned long NameCount() const { return static_cast<unsigned long>(m_spNames->size()); }
 
-    unsigned long m_cRef = 1;
+    std::atomic<unsigned long> m_cRef{1};
     CatNameList m_spNames;
     unsigned long m_nIndex = 0;
     CatRegistryPtr m_spRegistry;

@@ -161,13 +161,16 @@ HRESULT CComPlatformUtils::COM_GenerateCLSID(COM_GUID*) {
     return E_NOTIMPL;
 }
 
+// The conversion state is the caller's own: the hidden state of mbtowc and
+// wctomb would be shared by every thread.
 size_t WidenMultibyte(const char* text, size_t count, wchar_t* out) {
-    std::mbtowc(nullptr, nullptr, 0);
+    std::mbstate_t state{};
     size_t written = 0;
     size_t used = 0;
     while (used < count) {
-        int n = std::mbtowc(&out[written], text + used, count - used);
-        if (n < 0) throw std::bad_alloc();
+        const size_t n = std::mbrtowc(&out[written], text + used, count - used, &state);
+        // An invalid sequence, or one cut off by the end of the bytes.
+        if (n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2)) throw std::bad_alloc();
         if (n == 0) break;
         used += n;
         ++written;
@@ -185,19 +188,23 @@ void AppendWidened(std::wstring& out, const char* text) {
 std::string NarrowWide(const wchar_t* text) {
     std::string out;
     char buffer[MB_LEN_MAX];
-    std::wctomb(nullptr, L'\0');
+    std::mbstate_t state{};
     for (; *text; ++text) {
-        int n = std::wctomb(buffer, *text);
-        if (n < 0) throw std::bad_alloc();
+        const size_t n = std::wcrtomb(buffer, *text, &state);
+        if (n == static_cast<size_t>(-1)) throw std::bad_alloc();
         out.append(buffer, n);
     }
     return out;
 }
 
 const char* SystemErrorMessage(int number) {
-    // strerror always answers, with a made-up text for unknown numbers; the
-    // number has a text of its own only when the system knows its name.
-    return strerrorname_np(number) ? std::strerror(number) : nullptr;
+    // The system always answers, with a made-up text for unknown numbers; the
+    // number has a text of its own only when the system knows its name. The
+    // text is strerror's; strerror_r gives it without strerror's buffer,
+    // which every thread shares.
+    if (!strerrorname_np(number)) return nullptr;
+    thread_local char buffer[256];
+    return strerror_r(number, buffer, sizeof buffer);
 }
 
 void AppendSystemErrorText(std::wstring& out, long number) {

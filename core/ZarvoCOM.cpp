@@ -81,10 +81,9 @@ HRESULT COM_MkParseName(wchar_t* name, unsigned long* eaten, COM_IMoniker** moni
 
 HRESULT COM_GetService(const COM_GUID& guidService, unsigned int context, const COM_GUID& riid,
                        void** ppv) {
-    // Made on first use and kept to the end of the process, with its services.
-    if (!g_pServiceCollection) g_pServiceCollection = new (std::nothrow) CServiceCollection;
-    if (!g_pServiceCollection) return E_OUTOFMEMORY;
-    return g_pServiceCollection->GetService(guidService, context, riid, ppv);
+    CServiceCollection* services = TheServiceCollection();
+    if (!services) return E_OUTOFMEMORY;
+    return services->GetService(guidService, context, riid, ppv);
 }
 
 HRESULT GetClassObject(const COM_GUID& clsid, const COM_GUID& iid, void** out) {

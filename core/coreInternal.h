@@ -5,9 +5,13 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "veltcom.h"
 
@@ -118,7 +122,9 @@ extern const COM_OBJMAP_ENTRY s_com_object_mapZarvoCOM[];
 
 // The shared services of COM_GetService: one object per service identifier
 // and number, made through activation on first request and kept, with one
-// reference, until the process ends.
+// reference, until the process ends. Any thread may ask: while one thread
+// makes a service, others asking for it wait for that object instead of
+// making a second one. No lock is held while a component runs.
 class CServiceCollection {
 public:
     CServiceCollection() = default;
@@ -136,13 +142,32 @@ public:
     int Add(std::wstring& key, COM_IUnknown* object);
 
 private:
+    class CMakingClaim;
+
+    // Waits while another thread makes the service under `key`. Then gives
+    // the kept object (the collection's reference stays its own), or null
+    // with `claimed` telling whether this thread is now the one to make it:
+    // false when it was making it already and asks again from inside.
+    COM_IUnknown* FindOrClaim(const std::wstring& key, bool& claimed);
+    // Ends this thread's claim on `key` and wakes the threads waiting for it.
+    void EndClaim(const std::wstring& key);
+
+    std::mutex m_mutex;
+    std::condition_variable m_claimEnded;
     std::map<std::wstring, utlAutoIf<COM_IUnknown, &COM_IID_IUnknown>> m_services;
+    // Keys whose service is being made, with the thread that makes it.
+    std::map<std::wstring, std::thread::id> m_making;
 };
 
-// Made by the first COM_GetService; never destroyed.
+// Made once, by the first COM_GetService of any thread; never destroyed.
 extern CServiceCollection* g_pServiceCollection;
+// The collection, made on first use by whichever thread comes first; null
+// when it could not be made.
+CServiceCollection* TheServiceCollection();
 
-// The current error-information object of the process: one slot, unguarded.
+// The current error-information object: one slot for the whole process,
+// shared by all its threads, so one thread's error can replace another's
+// before it is read. The slot itself is guarded.
 class VELTCOM_API CComErrorInfo {
 public:
     static HRESULT CreateErrorInfo(COM_IErrorInfo** out);
@@ -151,9 +176,16 @@ public:
     static HRESULT ClearErrorInfo();
 
     static utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo> s_spIEI;
+
+private:
+    // Puts `info` (a reference the caller owns, or null) in the slot and
+    // hands back the reference it held, to be released outside the lock.
+    static COM_IErrorInfo* Exchange(COM_IErrorInfo* info);
 };
 
-// The error-information object. Counts into the module while it lives.
+// The error-information object. Counts into the module while it lives. Its
+// fields are guarded, so threads that read the current error may share it
+// with one that still fills it in.
 class CErrorInfo : public COM_IErrorInfo {
 public:
     static HRESULT CreateInstance(const COM_GUID& iid, void** out);
@@ -175,12 +207,19 @@ private:
     CErrorInfo();
     ~CErrorInfo() override;
 
-    unsigned long m_cRef = 1;
+    // Replaces *field by a copy of `text`; a null or empty text changes
+    // nothing.
+    void StoreText(wchar_t*& field, const wchar_t* text);
+    // A new system string copying *field, for the caller.
+    wchar_t* CopyText(wchar_t* const& field);
+
+    std::atomic<unsigned long> m_cRef{1};
     wchar_t* m_bstrDescription = nullptr;
     wchar_t* m_bstrLocation = nullptr;
     HRESULT m_hr = S_OK;
     long m_nLine = 0;
     long m_nColumn = 0;
+    std::mutex m_mutex;
 };
 
 // Reads `digits` hexadecimal digits at text[position]. Only the low 8 bits of
@@ -221,6 +260,7 @@ void AppendWidened(std::wstring& out, const char* text);
 std::string NarrowWide(const wchar_t* text);
 
 // The system's text for an error number, or null where the system has none.
+// The text stays valid until the same thread asks again.
 const char* SystemErrorMessage(int number);
 
 // The system's text for an error number converted to wide characters; where

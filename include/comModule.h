@@ -24,6 +24,7 @@
 #ifndef VELTCOM_COMMODULE_H
 #define VELTCOM_COMMODULE_H
 
+#include <atomic>
 #include <new>
 
 #include "comApi.h"
@@ -51,11 +52,12 @@ public:
         : m_nLockCnt(0), m_pObjectMap(objectMap), m_pszModuleName(moduleName) {}
 
     // Objects take one lock while their reference count is above zero; a
-    // reference to a class factory is a lock too.
-    int Lock() { return ++m_nLockCnt; }
-    int Unlock() { return --m_nLockCnt; }
-    int GetLockCount() const { return m_nLockCnt; }
-    HRESULT CanUnloadNow() const { return m_nLockCnt == 0 ? S_OK : S_FALSE; }
+    // reference to a class factory is a lock too. Any thread may take and
+    // give back locks.
+    int Lock() { return m_nLockCnt.fetch_add(1, std::memory_order_relaxed) + 1; }
+    int Unlock() { return m_nLockCnt.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+    int GetLockCount() const { return m_nLockCnt.load(std::memory_order_acquire); }
+    HRESULT CanUnloadNow() const { return GetLockCount() == 0 ? S_OK : S_FALSE; }
 
     const COM_OBJMAP_ENTRY* GetObjectMap() const { return m_pObjectMap; }
 
@@ -80,7 +82,11 @@ public:
                                 const wchar_t* monikerValueNames);
 
 private:
-    int m_nLockCnt;
+    // Components built against this header share the module object's
+    // layout: the atomic count must stay a plain 32-bit integer in memory.
+    static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_always_lock_free,
+                  "the lock count keeps the layout of an int");
+    std::atomic<int> m_nLockCnt;
     const COM_OBJMAP_ENTRY* m_pObjectMap;
     const char* m_pszModuleName;
 };
@@ -91,20 +97,24 @@ private:
 extern COM_CComModule g_theModule VELTCOM_LOCAL;
 
 // Reference counting for classes of a module: the count starts at 0 and
-// holds one module lock while above 0.
+// holds one module lock while above 0. Counts are atomic, so any thread may
+// add and drop references; the release that reaches 0 sees every write other
+// threads made to the object before their own releases.
 class COM_CComObjectRoot {
 public:
     unsigned long InternalAddRef() {
-        if (m_cRef++ == 0) g_theModule.Lock();
-        return m_cRef;
+        const unsigned long before = m_cRef.fetch_add(1, std::memory_order_relaxed);
+        if (before == 0) g_theModule.Lock();
+        return before + 1;
     }
     unsigned long InternalRelease() {
-        if (--m_cRef == 0) g_theModule.Unlock();
-        return m_cRef;
+        const unsigned long after = m_cRef.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        if (after == 0) g_theModule.Unlock();
+        return after;
     }
 
 protected:
-    unsigned long m_cRef = 0;
+    std::atomic<unsigned long> m_cRef{0};
 };
 
 // AddRef and Release of a class derived from COM_CComObjectRoot.

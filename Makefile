@@ -1,13 +1,14 @@
 # The README's commands. Each one does its own set-up on a fresh Debian machine.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
 JOBS       ?= $(shell nproc)
 PACKAGES   := cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libxerces-c-dev \
               libxml2-utils pkg-config python3
 # The builds below run make again; their directory messages are noise.
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test asan demo clean
+.PHONY: all deps configure build test asan tsan demo clean
 
 all: build
 
@@ -43,6 +44,14 @@ asan: deps
 	ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
+# The same tests under ThreadSanitizer, the thread stress tests among them;
+# any report fails the run.
+tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELTCOM_TSAN=ON
+	cmake --build $(TSAN_BUILD) -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir $(TSAN_BUILD) --output-on-failure -j $(JOBS)
+
 # Builds the runtime and the tool, installs them into a scratch prefix, builds
 # examples/ against that prefix alone, then runs the narrated scenario in a
 # scratch directory.
@@ -56,4 +65,4 @@ demo: configure
 	bash examples/demo.sh $(DEMO_PREFIX) $(DEMO_EXAMPLES) $(DEMO_RUN)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)

@@ -49,7 +49,7 @@ asan: deps
 tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELTCOM_TSAN=ON
 	cmake --build $(TSAN_BUILD) -j $(JOBS)
-	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1 \
 	  ctest --test-dir $(TSAN_BUILD) --output-on-failure -j $(JOBS)
 
 # Builds the runtime and the tool, installs them into a scratch prefix, builds

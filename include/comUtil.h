@@ -129,6 +129,12 @@ public:
         m_p = p;
         delete old;
     }
+    // Gives up ownership without deleting.
+    T* Detach() {
+        T* p = m_p;
+        m_p = nullptr;
+        return p;
+    }
     T* Get() const { return m_p; }
     T* operator->() const { return m_p; }
     T& operator*() const { return *m_p; }

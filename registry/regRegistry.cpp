@@ -2,15 +2,13 @@
 // and the name enumerator it hands out.
 #include "regRegistry.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <new>
-#include <vector>
+#include <ostream>
+#include <streambuf>
 
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
@@ -43,6 +41,31 @@ const unsigned int kHiveCount = sizeof kHiveRoots / sizeof kHiveRoots[0];
 const XMLCh kString[] = u"string";
 const XMLCh kDword[] = u"dword";
 
+// Freed nodes leave some memory behind in the document; after this many
+// saves it is parsed anew from the bytes just written, which leaves none.
+const unsigned int kChangesBeforeCompaction = 2048;
+
+// The calling thread's position in the document: the node, the generation
+// of the document it was found in, and its path from the document node.
+struct CCurrentKey {
+    DOMNode* node = nullptr;
+    uint64_t generation = 0;
+    RegString path;
+
+    void Set(DOMNode* key, uint64_t current, const XMLCh* keyPath) {
+        node = key;
+        generation = current;
+        path = keyPath;
+    }
+    void Descend(DOMNode* key, const RegString& relative) {
+        node = key;
+        path += u'\\';
+        path += relative;
+    }
+};
+
+thread_local CCurrentKey t_currentKey;
+
 // Runs one operation of the interface: a thrown status is its result, and
 // nothing else thrown may cross the interface either.
 template <class Operation>
@@ -70,11 +93,6 @@ std::wstring RegistryFileName() {
     return name;
 }
 
-bool FileIsMissing(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) != 0 && errno == ENOENT;
-}
-
 // strtol reads only ASCII blanks, signs and digits, so the text up to its
 // first other character is all it could ever use; no conversion can fail.
 std::string LeadingAscii(const RegString& text) {
@@ -86,20 +104,44 @@ std::string LeadingAscii(const RegString& text) {
     return out;
 }
 
+// The writer's stream, gathering a save's bytes in a string.
+class CStringBuf : public std::streambuf {
+public:
+    explicit CStringBuf(std::string& bytes) : m_bytes(bytes) {}
+
+protected:
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override {
+        m_bytes.append(bytes, static_cast<size_t>(count));
+        return count;
+    }
+    int_type overflow(int_type c) override {
+        if (!traits_type::eq_int_type(c, traits_type::eof())) m_bytes.push_back(traits_type::to_char_type(c));
+        return traits_type::not_eof(c);
+    }
+
+private:
+    std::string& m_bytes;
+};
+
 }  // namespace
 
-CXMLRegistry::CXMLRegistry() : m_pCurrentKey(nullptr) {}
+CXMLRegistry::CXMLRegistry() = default;
 
 CXMLRegistry::~CXMLRegistry() {
-    m_spErrorHandler.Reset();
     m_spParser.Reset();
+    m_spErrorHandler.Reset();
     xercesc::XMLPlatformUtils::Terminate();
 }
 
 HRESULT CXMLRegistry::CreateInstance(const COM_GUID& iid, void** out) {
-    static CXMLRegistry* s_pRegistry = nullptr;
-    if (s_pRegistry) return s_pRegistry->QueryInterface(iid, out);
+    static std::atomic<CXMLRegistry*> s_pRegistry{nullptr};
+    static std::mutex s_creation;
+    if (CXMLRegistry* registry = s_pRegistry.load(std::memory_order_acquire))
+        return registry->QueryInterface(iid, out);
     if (!out) return E_POINTER;
+    std::lock_guard<std::mutex> lock(s_creation);
+    if (CXMLRegistry* registry = s_pRegistry.load(std::memory_order_relaxed))
+        return registry->QueryInterface(iid, out);
     *out = nullptr;
 
     try {
@@ -107,72 +149,56 @@ HRESULT CXMLRegistry::CreateInstance(const COM_GUID& iid, void** out) {
     } catch (const xercesc::XMLException&) {
         return E_FAIL;
     }
-    s_pRegistry = new (std::nothrow) CXMLRegistry;
-    if (!s_pRegistry) {
+    CXMLRegistry* registry = new (std::nothrow) CXMLRegistry;
+    if (!registry) {
         xercesc::XMLPlatformUtils::Terminate();
         return E_OUTOFMEMORY;
     }
-
     HRESULT hr;
     try {
-        hr = s_pRegistry->Initialize(RegistryFileName().c_str());
+        hr = registry->Initialize(RegistryFileName().c_str());
     } catch (...) {
         // A name that cannot be converted leaves no half-made registry.
-        delete s_pRegistry;
-        s_pRegistry = nullptr;
+        delete registry;
         throw;
     }
     if (FAILED(hr)) {
-        delete s_pRegistry;
-        s_pRegistry = nullptr;
+        delete registry;
         return hr;
     }
-    return s_pRegistry->QueryInterface(iid, out);
+    s_pRegistry.store(registry, std::memory_order_release);
+    return registry->QueryInterface(iid, out);
 }
 
 HRESULT CXMLRegistry::Initialize(const wchar_t* name) {
     if (!name) return E_POINTER;
     m_strFilePath = NarrowWide(name);
+    m_spFile.Reset(new CRegistryFile(m_strFilePath));
+    return Reload();
+}
+
+HRESULT CXMLRegistry::Reload() {
     std::string content;
-    HRESULT hr = ReadRegistryFile(content);
+    HRESULT hr = m_spFile->Read(content, s_rgcDefaultRegistry);
     if (FAILED(hr)) return hr;
-    return Parse(content);
+    hr = Parse(content);
+    if (FAILED(hr)) m_spFile->Forget();
+    return hr;
 }
 
-HRESULT CXMLRegistry::ReadRegistryFile(std::string& content) const {
-    std::ifstream in(m_strFilePath, std::ios::binary);
-    if (!in.is_open()) {
-        // Only a missing file is made anew; one that is there but cannot be
-        // opened is never overwritten.
-        if (!FileIsMissing(m_strFilePath)) return E_FAIL;
-        HRESULT hr = WriteDefaultRegistry();
-        if (FAILED(hr)) return hr;
-        in.open(m_strFilePath, std::ios::binary);
-        if (!in.is_open()) return E_FAIL;
-    }
-    std::vector<char> chunk(1 << 16);
-    while (in.read(chunk.data(), chunk.size()) || in.gcount() > 0)
-        content.append(chunk.data(), in.gcount());
-    // A directory opens but cannot be read.
-    return in.bad() ? E_FAIL : S_OK;
-}
-
-HRESULT CXMLRegistry::WriteDefaultRegistry() const {
-    std::ofstream out(m_strFilePath, std::ios::binary | std::ios::trunc);
-    if (!out.is_open()) return REGDB_E_WRITEREGDB;
-    out.write(s_rgcDefaultRegistry, sizeof s_rgcDefaultRegistry - 1);
-    out.close();
-    return out.fail() ? REGDB_E_WRITEREGDB : S_OK;
-}
-
+// Parses into a parser of its own, which replaces the live one only once it
+// holds a document. Every pointer into the old document dies with it.
 HRESULT CXMLRegistry::Parse(const std::string& content) {
     try {
-        m_spErrorHandler.Reset(new DOMErrorHandler(m_strFilePath));
-        m_spParser.Reset(new xercesc::XercesDOMParser);
-        m_spParser->setErrorHandler(m_spErrorHandler.Get());
+        utlAutoPtr<xercesc::ErrorHandler> handler(new DOMErrorHandler(m_strFilePath));
+        utlAutoPtr<xercesc::XercesDOMParser> parser(new xercesc::XercesDOMParser);
+        parser->setErrorHandler(handler.Get());
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(content.data()),
                                           content.size(), "REGISTRY", false);
-        m_spParser->parse(source);
+        parser->parse(source);
+        if (!parser->getDocument()) return E_FAIL;
+        m_spParser.Reset(parser.Detach());
+        m_spErrorHandler.Reset(handler.Detach());
     } catch (const xercesc::XMLException& e) {
         return REGDB_E_PARSEBASE | e.getCode();
     } catch (const std::bad_alloc&) {
@@ -182,17 +208,62 @@ HRESULT CXMLRegistry::Parse(const std::string& content) {
     } catch (...) {
         return E_FAIL;
     }
-    return Document() ? S_OK : E_FAIL;
+    ++m_nGeneration;
+    m_nChangesSinceLoad = 0;
+    return S_OK;
 }
 
 HRESULT CXMLRegistry::UpdateRegistryOnDisk() {
-    // Written in place: no temporary file, so a crash mid-write truncates.
-    // The writer hands the stream large pieces, so its own buffer suffices.
-    std::ofstream out(m_strFilePath, std::ios::binary | std::ios::trunc);
-    if (!out.is_open()) return REGDB_E_WRITEREGDB;
+    std::string bytes;
+    CStringBuf buffer(bytes);
+    std::ostream out(&buffer);
     out << static_cast<const DOMNode*>(Document());
-    out.close();
+    if (!out) return REGDB_E_WRITEREGDB;
+    const HRESULT hr = m_spFile->Write(bytes);
+    if (FAILED(hr)) return hr;
+    if (++m_nChangesSinceLoad >= kChangesBeforeCompaction) Parse(bytes);
     return S_OK;
+}
+
+template <class Operation>
+HRESULT CXMLRegistry::Locked(Operation operation) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return Guarded(operation);
+}
+
+DOMNode* CXMLRegistry::CurrentKey() {
+    CCurrentKey& current = t_currentKey;
+    if (current.node && current.generation != m_nGeneration) {
+        DOMNode* found = nullptr;
+        current.node = ResolveKey(Document(), current.path.c_str(), &found) ? found : nullptr;
+        current.generation = m_nGeneration;
+    }
+    return current.node;
+}
+
+// A change is made to the file as it is on disk now, under the writers'
+// lock, and saved at once: no process ever saves over another's change.
+template <class Apply>
+HRESULT CXMLRegistry::Change(Apply apply) {
+    CRegistryFile::CWriterLock lock(*m_spFile);
+    if (m_spFile->Changed() && FAILED(Reload())) return REGDB_E_WRITEREGDB;
+    // Another process may have deleted the key meanwhile: nothing is ever
+    // written into a key that is no longer in the document.
+    DOMNode* key = CurrentKey();
+    if (!key) return REGDB_E_KEYMISSING;
+    const CCurrentKey before = t_currentKey;
+    HRESULT hr = apply(key);
+    if (FAILED(hr)) return hr;
+    // Nodes may have been freed: other threads find their keys again. This
+    // thread's own key lies above whatever its change removed.
+    t_currentKey.generation = ++m_nGeneration;
+    hr = UpdateRegistryOnDisk();
+    if (SUCCEEDED(hr)) return hr;
+    // The change did not happen: the document goes back to what the file
+    // holds, and the current key to where it was.
+    t_currentKey = before;
+    if (FAILED(Reload())) m_spFile->Forget();
+    return hr;
 }
 
 HRESULT CXMLRegistry::QueryInterface(const COM_GUID& iid, void** out) {
@@ -218,81 +289,98 @@ unsigned long CXMLRegistry::Release() {
 }
 
 HRESULT CXMLRegistry::Open(unsigned int hive, const wchar_t* subkey) {
-    return Guarded([&]() -> HRESULT {
-        if (hive == 0 || hive > kHiveCount) return E_INVALIDARG;
-        m_strCurrentPath = kHiveRoots[hive - 1];
-        if (!subkey) return E_INVALIDARG;
+    return Locked([&]() -> HRESULT {
+        if (hive == 0 || hive > kHiveCount || !subkey) return E_INVALIDARG;
+        // A long-running process sees what others registered since it
+        // started. Should the file have become unreadable, the document
+        // read last serves on.
+        if (m_spFile->Changed()) Reload();
         DOMNode* root = nullptr;
-        if (!ResolveKey(Document(), m_strCurrentPath.c_str(), &root)) return REGDB_E_KEYMISSING;
-        m_pCurrentKey = root;
-        return *subkey ? OpenKey(subkey) : S_OK;
+        if (!ResolveKey(Document(), kHiveRoots[hive - 1], &root)) return REGDB_E_KEYMISSING;
+        t_currentKey.Set(root, m_nGeneration, kHiveRoots[hive - 1]);
+        return *subkey ? OpenKeyLocked(subkey) : S_OK;
     });
 }
 
 HRESULT CXMLRegistry::Close() {
-    m_pCurrentKey = nullptr;
+    t_currentKey.node = nullptr;
+    t_currentKey.path.clear();
     return S_OK;
 }
 
 HRESULT CXMLRegistry::OpenKey(const wchar_t* path) {
-    return Guarded([&]() -> HRESULT {
-        if (!path) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
-        DOMNode* found = nullptr;
-        if (!ResolveKey(m_pCurrentKey, EscapeKey(path).c_str(), &found)) return REGDB_E_KEYMISSING;
-        m_pCurrentKey = found;
-        return S_OK;
-    });
+    return Locked([&]() { return OpenKeyLocked(path); });
+}
+
+HRESULT CXMLRegistry::OpenKeyLocked(const wchar_t* path) {
+    if (!path) return E_POINTER;
+    DOMNode* key = CurrentKey();
+    if (!key) return REGDB_E_KEYMISSING;
+    const RegString escaped = EscapeKey(path);
+    if (PathDepth(escaped.c_str()) > s_nMaxPathDepth) return E_INVALIDARG;
+    DOMNode* found = nullptr;
+    if (!ResolveKey(key, escaped.c_str(), &found)) return REGDB_E_KEYMISSING;
+    t_currentKey.Descend(found, escaped);
+    return S_OK;
 }
 
 HRESULT CXMLRegistry::CreateKey(const wchar_t* path, int open) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!path) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
+        if (!CurrentKey()) return REGDB_E_KEYMISSING;
         const RegString escaped = EscapeKey(path);
-        // Refused before anything is made, so that no half-made path stays in
-        // the document to be saved with the next change.
+        // Refused before anything is made, so that no half-made path stays
+        // in the document. A name the file could not carry is bad input; one
+        // that is no XML name is what the DOM itself would refuse.
+        if (PathDepth(escaped.c_str()) > s_nMaxPathDepth || !IsSingleByteText(escaped.c_str()))
+            return E_INVALIDARG;
         if (!IsCreatablePath(escaped.c_str())) return E_UNEXPECTED;
-        DOMNode* last = nullptr;
-        if (!::CreateKey(Document(), m_pCurrentKey, escaped.c_str(), &last))
-            return REGDB_E_WRITEREGDB;
-        if (open == 1) m_pCurrentKey = last;
-        return UpdateRegistryOnDisk();
+        return Change([&](DOMNode* key) -> HRESULT {
+            DOMNode* last = nullptr;
+            if (!::CreateKey(Document(), key, escaped.c_str(), &last)) return REGDB_E_WRITEREGDB;
+            if (open == 1) t_currentKey.Descend(last, escaped);
+            return S_OK;
+        });
     });
 }
 
 HRESULT CXMLRegistry::DeleteKey(const wchar_t* path) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!path) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
-        if (!::DeleteKey(m_pCurrentKey, EscapeKey(path).c_str())) return REGDB_E_WRITEREGDB;
-        return UpdateRegistryOnDisk();
+        if (!CurrentKey()) return REGDB_E_KEYMISSING;
+        const RegString escaped = EscapeKey(path);
+        if (PathDepth(escaped.c_str()) > s_nMaxPathDepth) return E_INVALIDARG;
+        return Change([&](DOMNode* key) -> HRESULT {
+            return ::DeleteKey(key, escaped.c_str()) ? S_OK : REGDB_E_WRITEREGDB;
+        });
     });
 }
 
 HRESULT CXMLRegistry::StoreValue(const wchar_t* name, const XMLCh* type, const RegString& data) {
+    if (!CurrentKey()) return REGDB_E_KEYMISSING;
     const RegString escaped = EscapeKey(name);
-    // Control characters would make a file that no parser reads back.
+    // Text the file could not carry, or not give back as it was, is refused.
     if (!IsStorableText(escaped.c_str()) || !IsStorableText(data.c_str())) return E_INVALIDARG;
-    if (!::SetValue(Document(), m_pCurrentKey, escaped.c_str(), type, data.c_str()))
-        return REGDB_E_WRITEREGDB;
-    return UpdateRegistryOnDisk();
+    return Change([&](DOMNode* key) -> HRESULT {
+        return ::SetValue(Document(), key, escaped.c_str(), type, data.c_str()) ? S_OK
+                                                                                : REGDB_E_WRITEREGDB;
+    });
 }
 
 HRESULT CXMLRegistry::SetValueString(const wchar_t* name, const wchar_t* value) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!name || !value) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
         return StoreValue(name, kString, NarrowTo16(value));
     });
 }
 
 HRESULT CXMLRegistry::GetValueString(const wchar_t* name, wchar_t** value) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!name) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
+        DOMNode* key = CurrentKey();
+        if (!key) return REGDB_E_KEYMISSING;
         RegString type, data;
-        if (!GetValue(m_pCurrentKey, EscapeKey(name).c_str(), type, data) || type != kString)
+        if (!GetValue(key, EscapeKey(name).c_str(), type, data) || type != kString)
             return REGDB_E_INVALIDVALUE;
         // A null value pointer only asks whether the string value exists.
         if (!value) return S_OK;
@@ -304,9 +392,8 @@ HRESULT CXMLRegistry::GetValueString(const wchar_t* name, wchar_t** value) {
 }
 
 HRESULT CXMLRegistry::SetValueDWORD(const wchar_t* name, unsigned int value) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!name) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
         // Printed as a long, so the full unsigned range stays positive.
         char digits[20];
         std::snprintf(digits, sizeof digits, "%li", static_cast<long>(value));
@@ -315,11 +402,12 @@ HRESULT CXMLRegistry::SetValueDWORD(const wchar_t* name, unsigned int value) {
 }
 
 HRESULT CXMLRegistry::GetValueDWORD(const wchar_t* name, unsigned int* value) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!name || !value) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
+        DOMNode* key = CurrentKey();
+        if (!key) return REGDB_E_KEYMISSING;
         RegString type, data;
-        if (!GetValue(m_pCurrentKey, EscapeKey(name).c_str(), type, data) || type != kDword)
+        if (!GetValue(key, EscapeKey(name).c_str(), type, data) || type != kDword)
             return REGDB_E_INVALIDVALUE;
         // Hand-edited text that is no number reads as 0; trailing text is ignored.
         *value = static_cast<unsigned int>(std::strtol(LeadingAscii(data).c_str(), nullptr, 10));
@@ -328,20 +416,22 @@ HRESULT CXMLRegistry::GetValueDWORD(const wchar_t* name, unsigned int* value) {
 }
 
 HRESULT CXMLRegistry::DeleteValue(const wchar_t* name) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!name) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
-        if (!::DeleteValue(Document(), m_pCurrentKey, EscapeKey(name).c_str()))
-            return REGDB_E_WRITEREGDB;
-        return UpdateRegistryOnDisk();
+        if (!CurrentKey()) return REGDB_E_KEYMISSING;
+        const RegString escaped = EscapeKey(name);
+        return Change([&](DOMNode* key) -> HRESULT {
+            return ::DeleteValue(Document(), key, escaped.c_str()) ? S_OK : REGDB_E_WRITEREGDB;
+        });
     });
 }
 
 HRESULT CXMLRegistry::Enumerate(int kind, COM_IEnumBSTR** out) {
-    return Guarded([&]() -> HRESULT {
+    return Locked([&]() -> HRESULT {
         if (!out) return E_POINTER;
-        if (!m_pCurrentKey) return REGDB_E_KEYMISSING;
-        return CreateEnumerator(m_pCurrentKey, kind, out);
+        DOMNode* key = CurrentKey();
+        if (!key) return REGDB_E_KEYMISSING;
+        return CreateEnumerator(key, kind, out);
     });
 }
 

@@ -3,6 +3,7 @@
 #define VELTCOM_REGISTRY_REGREGISTRY_H
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include <xercesc/dom/DOMDocument.hpp>
@@ -12,11 +13,16 @@
 #include "comModule.h"
 #include "comRegistry.h"
 #include "comUtil.h"
+#include "registry/regFile.h"
 #include "unix/regHelper.h"
 
 // The one registry object of the process, over the document of
-// "Registry.XML". Every caller shares its document and its current key.
-// It lives until the process ends: Release never frees it.
+// "Registry.XML". Every caller shares its document; each thread has its own
+// current key. It lives until the process ends: Release never frees it.
+//
+// Every change is saved at once, under a lock that all processes changing
+// the file take; a process whose file was replaced by another reloads it
+// before changing it, and when it next opens a hive.
 class CXMLRegistry : public COM_CComObjectRoot,
                      public COM_CComCoClass<CXMLRegistry, &COM_CLSID_Registry>,
                      public COM_IRegistry {
@@ -29,6 +35,9 @@ public:
     // Written when the file is missing: the hives ApplicationData and
     // Classes, with the empty keys CLSID, ComponentCategories and Moniker.
     static const char s_rgcDefaultRegistry[];
+
+    // The most names a key path may hold; a longer one is refused.
+    static const size_t s_nMaxPathDepth = 256;
 
     HRESULT QueryInterface(const COM_GUID& iid, void** out) override;
     unsigned long AddRef() override;
@@ -50,7 +59,8 @@ public:
     // Reads the file, creating it with the default document when missing,
     // and parses it.
     HRESULT Initialize(const wchar_t* name);
-    // Rewrites the whole file from the document.
+    // Replaces the file with the document: REGDB_E_WRITEREGDB, with the
+    // file as it was, when the whole document cannot be written.
     HRESULT UpdateRegistryOnDisk();
 
 private:
@@ -59,17 +69,27 @@ private:
     CXMLRegistry(const CXMLRegistry&) = delete;
     CXMLRegistry& operator=(const CXMLRegistry&) = delete;
 
-    HRESULT ReadRegistryFile(std::string& content) const;
-    HRESULT WriteDefaultRegistry() const;
+    template <class Operation>
+    HRESULT Locked(Operation operation);
+    template <class Apply>
+    HRESULT Change(Apply apply);
+    HRESULT Reload();
     HRESULT Parse(const std::string& content);
+    xercesc::DOMNode* CurrentKey();
+    HRESULT OpenKeyLocked(const wchar_t* path);
     HRESULT StoreValue(const wchar_t* name, const XMLCh* type, const RegString& data);
     HRESULT Enumerate(int kind, COM_IEnumBSTR** out);
     xercesc::DOMDocument* Document() const { return m_spParser->getDocument(); }
 
     std::string m_strFilePath;
-    // The hive root of the last Open; OpenKey and CreateKey leave it alone.
-    RegString m_strCurrentPath;
-    xercesc::DOMNode* m_pCurrentKey;
+    utlAutoPtr<CRegistryFile> m_spFile;
+    // Every operation on the document holds it.
+    std::mutex m_mutex;
+    // Changes whenever nodes may have been freed or the document replaced:
+    // a thread whose current key was found under another number finds it
+    // again by its path.
+    uint64_t m_nGeneration = 1;
+    unsigned int m_nChangesSinceLoad = 0;
     utlAutoPtr<xercesc::XercesDOMParser> m_spParser;
     utlAutoPtr<xercesc::ErrorHandler> m_spErrorHandler;
 };

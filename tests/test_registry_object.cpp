@@ -240,7 +240,7 @@ TEST_F(RegistryObject, NamesAndTextTheFileCannotCarryAreRefused) {
     EXPECT_EQ(File(), kDefaultFile);
     // Nothing half made waits in memory for the next save.
     ASSERT_EQ(m_reg->SetValueString(L"v", L"tab\tok"), S_OK);
-    EXPECT_EQ(File(), Saved(Item("v", "string", "tab\tok")));
+    EXPECT_EQ(File(), Saved(Item("v", "string", "tab&#9;ok")));
 }
 
 TEST_F(RegistryObject, HandEditedFilesReadAsTheRulesSayAndGainLineFeedsAroundText) {
@@ -263,16 +263,28 @@ TEST_F(RegistryObject, HandEditedFilesReadAsTheRulesSayAndGainLineFeedsAroundTex
                           "</Version>\n\n  \n</Quorvane>\n\n\n</Software>");
 }
 
-TEST_F(RegistryObject, TheFileIsReadOnceAndAFailedWriteIsMadeUpByTheNext) {
+// Each change is made to the file as it is on disk at that moment; one that
+// cannot be saved changes neither the file nor the document.
+TEST_F(RegistryObject, ChangesApplyToTheFileAsItIsNowAndAFailedOneToNothing) {
     OpenClsid();
-    ASSERT_EQ(unlink(PathOf("Registry.XML").c_str()), 0);
+    ASSERT_EQ(m_reg->CreateKey(L"Mine", 1), S_OK);
+    WriteFile("Registry.XML", Saved("<Mine/>" + Item("theirs", "string", "t")));
+    ASSERT_EQ(m_reg->SetValueString(L"mine", L"m"), S_OK);
+    EXPECT_EQ(File(), Saved("<Mine>" + Item("mine", "string", "m") + "</Mine>" + Item("theirs", "string", "t")));
+
+    const std::string before = File();
+    ASSERT_EQ(rename(PathOf("Registry.XML").c_str(), PathOf("aside").c_str()), 0);
     ASSERT_EQ(mkdir(PathOf("Registry.XML").c_str(), 0755), 0);
-    EXPECT_EQ(m_reg->SetValueString(L"first", L"1"), REGDB_E_WRITEREGDB);
-    EXPECT_EQ(String(L"first"), L"1");
+    EXPECT_EQ(m_reg->SetValueString(L"lost", L"1"), REGDB_E_WRITEREGDB);
     ASSERT_EQ(rmdir(PathOf("Registry.XML").c_str()), 0);
-    WriteFile("Registry.XML", "changed by someone else");
-    ASSERT_EQ(m_reg->SetValueString(L"second", L"2"), S_OK);
-    EXPECT_EQ(File(), Saved(Item("first", "string", "1") + Item("second", "string", "2")));
+    ASSERT_EQ(rename(PathOf("aside").c_str(), PathOf("Registry.XML").c_str()), 0);
+    EXPECT_EQ(m_reg->GetValueString(L"lost", nullptr), REGDB_E_INVALIDVALUE);
+    EXPECT_EQ(File(), before);
+
+    // Nothing is ever written into a key another process removed.
+    WriteFile("Registry.XML", Saved(""));
+    EXPECT_EQ(m_reg->SetValueString(L"orphan", L"o"), REGDB_E_KEYMISSING);
+    EXPECT_EQ(File(), Saved(""));
 }
 
 TEST_F(RegistryObject, TheWrittenFileIsWellFormedXmlForOtherTools) {

@@ -94,6 +94,36 @@ XMLSize_t AttributeCount(const DOMNode* node) {
     return attributes ? attributes->getLength() : 0;
 }
 
+// A character that no XML file can hold, written or referenced.
+bool IsIllegalInXml(XMLCh c) {
+    return (c < 0x20 && c != u'\t' && c != u'\n' && c != u'\r') || c == 0xFFFE || c == 0xFFFF;
+}
+
+bool IsHighSurrogate(XMLCh c) { return c >= 0xD800 && c <= 0xDBFF; }
+bool IsLowSurrogate(XMLCh c) { return c >= 0xDC00 && c <= 0xDFFF; }
+
+// Exactly the attributes name, type and value, in that order.
+bool HasValueAttributesOnly(const DOMNode* item) {
+    const DOMNamedNodeMap* attributes = item->getAttributes();
+    return attributes->getLength() == 3 && NameIs(attributes->item(0), kName) &&
+           NameIs(attributes->item(1), kType) && NameIs(attributes->item(2), kValue);
+}
+
+// Frees a detached subtree from the leaves up. The DOM's own release of a
+// subtree recurses, and a hand-edited file may nest deeper than any stack.
+void ReleaseSubtree(DOMNode* root) {
+    DOMNode* node = root;
+    for (;;) {
+        while (DOMNode* last = node->getLastChild())
+            node = last;
+        if (node == root) break;
+        DOMNode* parent = node->getParentNode();
+        parent->removeChild(node)->release();
+        node = parent;
+    }
+    root->release();
+}
+
 int GetDefaultValue(const DOMNode* key, RegString& type, RegString& value) {
     if (!IsElement(key) || AttributeCount(key) != 1) return 0;
     const DOMNode* attribute = key->getAttributes()->item(0);
@@ -128,9 +158,26 @@ bool IsCreatablePath(const XMLCh* path) {
     return true;
 }
 
+size_t PathDepth(const XMLCh* path) {
+    size_t depth = 1;
+    for (; *path; ++path) depth += *path == u'\\';
+    return depth;
+}
+
 bool IsStorableText(const XMLCh* text) {
+    for (const XMLCh* p = text; *p; ++p) {
+        if (IsIllegalInXml(*p)) return false;
+        if (IsHighSurrogate(*p) && IsLowSurrogate(p[1]))
+            ++p;
+        else if (IsHighSurrogate(*p) || IsLowSurrogate(*p))
+            return false;
+    }
+    return true;
+}
+
+bool IsSingleByteText(const XMLCh* text) {
     for (; *text; ++text) {
-        if (*text < 0x20 && *text != u'\t' && *text != u'\n' && *text != u'\r') return false;
+        if (*text > 0xFF) return false;
     }
     return true;
 }
@@ -179,8 +226,7 @@ int DeleteKey(DOMNode* start, const XMLCh* path) {
     try {
         DOMNode* parent = found->getParentNode();
         if (!parent) return 0;
-        // Not released: another user's current key may lie in the subtree.
-        parent->removeChild(found);
+        ReleaseSubtree(parent->removeChild(found));
         return 1;
     } catch (const xercesc::DOMException&) {
         return 0;
@@ -208,12 +254,20 @@ int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* typ
         static_cast<DOMElement*>(key)->setAttribute(kDefault, value);
         return 1;
     }
+    DOMNode* old = FindItem(key, name);
+    // A value element just as this function makes them is the same after
+    // its type and data change as after a replacement, and costs no memory.
+    if (old && HasValueAttributesOnly(old)) {
+        static_cast<DOMElement*>(old)->setAttribute(kType, type);
+        static_cast<DOMElement*>(old)->setAttribute(kValue, value);
+        return 1;
+    }
     DOMElement* item = doc->createElement(kItem);
     item->setAttribute(kName, name);
     item->setAttribute(kType, type);
     item->setAttribute(kValue, value);
-    if (DOMNode* old = FindItem(key, name)) {
-        key->replaceChild(item, old);
+    if (old) {
+        ReleaseSubtree(key->replaceChild(item, old));
         return 1;
     }
     key->appendChild(item);
@@ -228,7 +282,7 @@ int DeleteValue(DOMDocument*, DOMNode* key, const XMLCh* name) {
     }
     DOMNode* item = FindItem(key, name);
     if (!item) return 0;
-    key->removeChild(item);
+    ReleaseSubtree(key->removeChild(item));
     return 1;
 }
 
@@ -236,49 +290,100 @@ namespace {
 
 const char kDeclaration[] = "<?xml version='1.0' encoding='ISO-8859-1' ?>\n";
 
-const char* EntityFor(char c) {
+// What a piece of text is in the file decides how its characters are
+// written. Every character up to U+00FF is one byte, as the declaration
+// says; a name can hold no other.
+enum class TextRole {
+    Name,       // tag and attribute names, instruction targets
+    Content,    // text, comments, CDATA and instructions: markup is written raw
+    Attribute,  // attribute values: markup, tab, LF and CR as references
+};
+
+const char* EntityFor(XMLCh c) {
     switch (c) {
-    case '"': return "&quot;";
-    case '&': return "&amp;";
-    case '<': return "&lt;";
-    case '>': return "&gt;";
+    case u'"': return "&quot;";
+    case u'&': return "&amp;";
+    case u'<': return "&lt;";
+    case u'>': return "&gt;";
+    // As references they survive the normalisation that turns white space
+    // in an attribute value into blanks when the file is read.
+    case u'\t': return "&#9;";
+    case u'\n': return "&#10;";
+    case u'\r': return "&#13;";
     default: return nullptr;
     }
 }
 
-// The characters that an escaped text writes as entity references.
-const struct CMarkupTable {
+// The ASCII characters that need more than a copy: those an attribute value
+// writes as references, and the control characters no file may hold.
+const struct CSpecialTable {
     bool entries[128] = {};
-    CMarkupTable() { entries['"'] = entries['&'] = entries['<'] = entries['>'] = true; }
+    CSpecialTable() {
+        for (XMLCh c = 0; c < 128; ++c) entries[c] = c < 0x20 || EntityFor(c) != nullptr;
+    }
     bool operator[](size_t c) const { return entries[c]; }
-} kIsMarkup;
+} kIsSpecial;
 
-void AppendByte(std::string& bytes, char c, bool escape) {
-    const char* entity = escape ? EntityFor(c) : nullptr;
-    if (entity)
-        bytes += entity;
-    else
-        bytes.push_back(c);
+
+// A growing byte buffer that the writer narrows text straight into.
+class CByteBuffer {
+public:
+    char* Room(size_t count) {
+        if (m_capacity - m_used < count) Grow(count);
+        return m_data.get() + m_used;
+    }
+    size_t Free() const { return m_capacity - m_used; }
+    void Commit(size_t count) { m_used += count; }
+    void Append(const char* bytes, size_t count) {
+        std::memcpy(Room(count), bytes, count);
+        Commit(count);
+    }
+    void Push(char c) { Append(&c, 1); }
+    const char* Data() const { return m_data.get(); }
+    size_t Size() const { return m_used; }
+
+private:
+    void Grow(size_t count) {
+        const size_t capacity = std::max({m_capacity * 2, m_used + count, size_t(1) << 16});
+        std::unique_ptr<char[]> data(new char[capacity]);
+        if (m_used) std::memcpy(data.get(), m_data.get(), m_used);
+        m_data = std::move(data);
+        m_capacity = capacity;
+    }
+
+    std::unique_ptr<char[]> m_data;
+    size_t m_capacity = 0;
+    size_t m_used = 0;
+};
+
+void AppendReference(CByteBuffer& out, uint32_t c) {
+    char reference[16];
+    const int length = std::snprintf(reference, sizeof reference, "&#%u;", c);
+    out.Append(reference, static_cast<size_t>(length));
 }
 
-// Appends text in the local code page, escaped on request; false when the
-// conversion yields nothing. ASCII text, nearly all of any registry, is
-// copied code unit by code unit: every code page the transcoder picks on
-// this platform agrees with ASCII there.
-bool AppendText(std::string& bytes, const XMLCh* text, bool escape) {
-    if (!text) return false;
-    const size_t start = bytes.size();
+// Appends the text as its role wants it; false when it holds a character
+// the file cannot carry there, since a file that no parser reads back must
+// never be written.
+bool AppendEncoded(CByteBuffer& out, const XMLCh* text, TextRole role) {
     for (const XMLCh* p = text; *p; ++p) {
-        if (*p >= 0x80) {
-            bytes.resize(start);
-            char* converted = XMLString::transcode(text);
-            if (!converted) return false;
-            for (const char* c = converted; *c; ++c)
-                AppendByte(bytes, *c, escape);
-            XMLString::release(&converted);
-            return true;
+        const XMLCh c = *p;
+        if (IsIllegalInXml(c)) return false;
+        const char* entity = role == TextRole::Attribute ? EntityFor(c) : nullptr;
+        if (entity) {
+            out.Append(entity, std::strlen(entity));
+        } else if (c <= 0xFF) {
+            out.Push(static_cast<char>(c));
+        } else if (role == TextRole::Name) {
+            return false;
+        } else if (IsHighSurrogate(c) && IsLowSurrogate(p[1])) {
+            AppendReference(out, 0x10000 + ((c - 0xD800u) << 10) + (p[1] - 0xDC00u));
+            ++p;
+        } else if (IsHighSurrogate(c) || IsLowSurrogate(c)) {
+            return false;
+        } else {
+            AppendReference(out, c);
         }
-        AppendByte(bytes, static_cast<char>(*p), escape);
     }
     return true;
 }
@@ -293,144 +398,147 @@ const XMLCh* AttributeValue(const DOMNode* attribute) {
     return attribute->getNodeValue();
 }
 
-// Gathers a save's bytes in one buffer and hands them to the stream in large
-// pieces: the stream sees a few big writes per save, not several per node.
+enum class WriteResult { Written, UnwritableText, UnknownNodeType };
+
+// Writes a subtree into one buffer. The walk follows the tree's own links
+// instead of recursing, so no depth of nesting can exhaust the stack.
 class CDocumentWriter {
 public:
-    explicit CDocumentWriter(std::ostream& out) : m_out(out), m_buffer(new char[kBufferSize]) {}
-
-    // False at the first node whose type has no written form.
-    bool Write(const DOMNode* node) {
-        switch (node->getNodeType()) {
-        case DOMNode::ELEMENT_NODE: return WriteElement(node);
-        case DOMNode::TEXT_NODE:
-            Put("\n");
-            Text(node->getNodeValue());
-            Put("\n");
-            return true;
-        case DOMNode::CDATA_SECTION_NODE:
-            Put("<![CDATA[");
-            Text(node->getNodeValue());
-            Put("]]>\n");
-            return true;
-        case DOMNode::ENTITY_REFERENCE_NODE: return WriteChildren(node);
-        case DOMNode::PROCESSING_INSTRUCTION_NODE:
-            Put("<?");
-            Text(node->getNodeName());
-            Put(" ");
-            Text(node->getNodeValue());
-            Put("?>\n");
-            return true;
-        case DOMNode::COMMENT_NODE:
-            Put("<!--");
-            Text(node->getNodeValue());
-            Put("-->\n");
-            return true;
-        case DOMNode::DOCUMENT_NODE: Put(kDeclaration); return WriteChildren(node);
-        default: return false;
+    WriteResult Write(const DOMNode* root) {
+        const DOMNode* node = root;
+        for (;;) {
+            bool descend = false;
+            if (!Open(node, descend)) return WriteResult::UnknownNodeType;
+            if (descend) {
+                node = node->getFirstChild();
+                continue;
+            }
+            // Close every node whose subtree is done, up to one with a next
+            // sibling.
+            for (;;) {
+                Close(node);
+                if (node == root) return m_textWritable ? WriteResult::Written
+                                                        : WriteResult::UnwritableText;
+                if (const DOMNode* next = node->getNextSibling()) {
+                    node = next;
+                    break;
+                }
+                node = node->getParentNode();
+            }
         }
     }
 
-    void Flush() {
-        m_out.write(m_buffer.get(), m_used);
-        m_used = 0;
-    }
+    const CByteBuffer& Bytes() const { return m_out; }
 
 private:
-    static const size_t kBufferSize = 1 << 16;
     // Room made before each text, so that names and values of usual length
     // are narrowed straight into the buffer.
     static const size_t kRoomForText = 1 << 12;
 
-    bool WriteElement(const DOMNode* element) {
+    // Writes what comes before the node's children; `descend` tells whether
+    // it has children to write. False for a node type with no written form.
+    bool Open(const DOMNode* node, bool& descend) {
+        switch (node->getNodeType()) {
+        case DOMNode::ELEMENT_NODE:
+            OpenElement(node);
+            descend = node->getFirstChild() != nullptr;
+            return true;
+        case DOMNode::TEXT_NODE:
+            Put("\n");
+            Text(node->getNodeValue(), TextRole::Content);
+            Put("\n");
+            return true;
+        case DOMNode::CDATA_SECTION_NODE:
+            Put("<![CDATA[");
+            Text(node->getNodeValue(), TextRole::Content);
+            Put("]]>\n");
+            return true;
+        case DOMNode::ENTITY_REFERENCE_NODE:
+            descend = node->getFirstChild() != nullptr;
+            return true;
+        case DOMNode::PROCESSING_INSTRUCTION_NODE:
+            Put("<?");
+            Text(node->getNodeName(), TextRole::Name);
+            Put(" ");
+            Text(node->getNodeValue(), TextRole::Content);
+            Put("?>\n");
+            return true;
+        case DOMNode::COMMENT_NODE:
+            Put("<!--");
+            Text(node->getNodeValue(), TextRole::Content);
+            Put("-->\n");
+            return true;
+        case DOMNode::DOCUMENT_NODE:
+            Put(kDeclaration);
+            descend = node->getFirstChild() != nullptr;
+            return true;
+        default: return false;
+        }
+    }
+
+    // Writes what comes after the children of a node that had some.
+    void Close(const DOMNode* node) {
+        if (node->getNodeType() != DOMNode::ELEMENT_NODE || !node->getFirstChild()) return;
+        Put("</");
+        Text(node->getNodeName(), TextRole::Name);
+        Put(">");
+    }
+
+    void OpenElement(const DOMNode* element) {
         Put("<");
-        Text(element->getNodeName());
+        Text(element->getNodeName(), TextRole::Name);
         const DOMNamedNodeMap* attributes = element->getAttributes();
         const XMLSize_t count = attributes->getLength();
         for (XMLSize_t i = 0; i < count; ++i) {
             const DOMNode* attribute = attributes->item(i);
             Put(" ");
-            Text(attribute->getNodeName());
+            Text(attribute->getNodeName(), TextRole::Name);
             Put(" = \"");
-            Text(AttributeValue(attribute), true);
+            Text(AttributeValue(attribute), TextRole::Attribute);
             Put("\"");
         }
-        const DOMNode* first = element->getFirstChild();
-        if (!first) {
+        if (element->getFirstChild())
+            Put(">");
+        else
             Put("/>");
-            return true;
-        }
-        Put(">");
-        if (!WriteSiblings(first)) return false;
-        Put("</");
-        Text(element->getNodeName());
-        Put(">");
-        return true;
-    }
-
-    bool WriteChildren(const DOMNode* node) { return WriteSiblings(node->getFirstChild()); }
-
-    bool WriteSiblings(const DOMNode* first) {
-        for (const DOMNode* node = first; node; node = node->getNextSibling()) {
-            if (!Write(node)) return false;
-        }
-        return true;
     }
 
     template <size_t N>
     void Put(const char (&literal)[N]) {
-        Append(literal, N - 1);
+        m_out.Append(literal, N - 1);
     }
 
-    void Append(const char* bytes, size_t length) {
-        if (length > kBufferSize - m_used) {
-            Flush();
-            if (length > kBufferSize) {
-                m_out.write(bytes, length);
-                return;
-            }
-        }
-        std::memcpy(m_buffer.get() + m_used, bytes, length);
-        m_used += length;
+    void Text(const XMLCh* text, TextRole role) {
+        if (!text || (!TextInPlace(text, role) && !AppendEncoded(m_out, text, role)))
+            m_textWritable = false;
     }
 
-    // ASCII text that needs no escaping goes straight into the buffer, in
-    // one pass with no branch per character but the end tests. A text that
-    // cannot be converted marks the stream bad after what came before it,
-    // which then stays the last that the stream takes.
-    void Text(const XMLCh* text, bool escape = false) {
-        if (text && TextInPlace(text, escape)) return;
-        m_scratch.clear();
-        if (AppendText(m_scratch, text, escape)) {
-            Append(m_scratch.data(), m_scratch.size());
-            return;
-        }
-        Flush();
-        m_out.setstate(std::ios::badbit);
-    }
-
-    bool TextInPlace(const XMLCh* text, bool escape) {
-        if (kBufferSize - m_used < kRoomForText) Flush();
-        char* const out = m_buffer.get() + m_used;
-        const size_t room = kBufferSize - m_used;
+    // ASCII with nothing to write as a reference, nearly all of any
+    // registry, goes straight into the buffer in one pass with no branch per
+    // character but the end tests.
+    bool TextInPlace(const XMLCh* text, TextRole role) {
+        char* const out = m_out.Room(kRoomForText);
+        const size_t room = m_out.Free();
         XMLCh seen = 0;
-        bool markup = false;
+        bool special = false;
         size_t length = 0;
         for (XMLCh c; (c = text[length]) != 0; ++length) {
             if (length == room) return false;
             seen |= c;
-            markup |= kIsMarkup[c & 0x7F];
+            special |= kIsSpecial[c & 0x7F];
             out[length] = static_cast<char>(c);
         }
-        if (seen >= 0x80 || (escape && markup)) return false;
-        m_used += length;
+        // Outside attribute values markup and white space are written raw;
+        // anything else special is left to the full encoder.
+        if (seen >= 0x80 || (special && (role == TextRole::Attribute ||
+                                         std::any_of(text, text + length, IsIllegalInXml))))
+            return false;
+        m_out.Commit(length);
         return true;
     }
 
-    std::ostream& m_out;
-    std::unique_ptr<char[]> m_buffer;
-    size_t m_used = 0;
-    std::string m_scratch;
+    CByteBuffer m_out;
+    bool m_textWritable = true;
 };
 
 }  // namespace
@@ -440,11 +548,16 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
         out.setstate(std::ios::badbit);
         return out;
     }
-    CDocumentWriter writer(out);
-    const bool nodeTypeWritable = writer.Write(node);
-    writer.Flush();
+    CDocumentWriter writer;
+    const WriteResult result = writer.Write(node);
+    const bool nodeTypeWritable = result != WriteResult::UnknownNodeType;
     REG_ASSERT(nodeTypeWritable);
-    return out;
+    // A file that says less than the document holds is never written.
+    if (result != WriteResult::Written) {
+        out.setstate(std::ios::badbit);
+        return out;
+    }
+    return out.write(writer.Bytes().Data(), static_cast<std::streamsize>(writer.Bytes().Size()));
 }
 
 std::ostream& operator<<(std::ostream& out, const XMLCh* text) {
@@ -452,12 +565,12 @@ std::ostream& operator<<(std::ostream& out, const XMLCh* text) {
 }
 
 std::ostream& outputContent(std::ostream& out, const XMLCh* text, bool escape) {
-    std::string bytes;
-    if (!AppendText(bytes, text, escape)) {
+    CByteBuffer bytes;
+    if (!text || !AppendEncoded(bytes, text, escape ? TextRole::Attribute : TextRole::Content)) {
         out.setstate(std::ios::badbit);
         return out;
     }
-    return out.write(bytes.data(), bytes.size());
+    return out.write(bytes.Data(), static_cast<std::streamsize>(bytes.Size()));
 }
 
 wchar_t* AllocWidened(const XMLCh* text) {

@@ -32,8 +32,16 @@ RegString EscapeKey(const wchar_t* text);
 // backslash is not.
 bool IsCreatablePath(const XMLCh* path);
 
-// Whether the document's file can carry the text and be read back: no
-// control characters other than tab, line feed and carriage return.
+// How many key names the path holds: one more than its backslashes.
+size_t PathDepth(const XMLCh* path);
+
+// Whether every character fits in one byte of the file's encoding, as the
+// characters of a key name must.
+bool IsSingleByteText(const XMLCh* text);
+
+// Whether the document's file can carry the text and read it back as it
+// was: no control characters other than tab, line feed and carriage
+// return, no lone surrogate, neither U+FFFE nor U+FFFF.
 bool IsStorableText(const XMLCh* text);
 
 // Tree operations: 1 on success, 0 on a miss. Only DeleteKey catches the
@@ -43,25 +51,31 @@ int ResolveKey(const xercesc::DOMNode* start, const XMLCh* path, xercesc::DOMNod
 // Creates every missing key of the path; 1 even when all existed.
 int CreateKey(xercesc::DOMDocument* doc, xercesc::DOMNode* start, const XMLCh* path,
               xercesc::DOMNode** out);
-// Detaches the key with its whole subtree; the document keeps owning it.
+// Removes the key with its whole subtree and frees it: no pointer into the
+// subtree may be used afterwards.
 int DeleteKey(xercesc::DOMNode* start, const XMLCh* path);
 // The empty name is the default value, which reads back only while it is
 // the key element's one attribute, and always with type "string".
 int GetValue(const xercesc::DOMNode* key, const XMLCh* name, RegString& type, RegString& value);
-// An existing value is replaced in place, keeping its position.
+// An existing value is replaced in place, keeping its position; the
+// element it had is freed.
 int SetValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* name, const XMLCh* type,
              const XMLCh* value);
-// Removes the first value of that name only.
+// Removes and frees the first value of that name only.
 int DeleteValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* name);
 
-// Writes a node and its subtree in the registry file's format. A node type
-// that has no written form stops the process.
+// Writes a node and its subtree in the registry file's format: characters up
+// to U+00FF as single bytes, those above as character references. A name
+// that holds a character above U+00FF, or text no XML file can hold, writes
+// nothing and sets the stream's bad bit. A node type that has no written
+// form stops the process.
 std::ostream& operator<<(std::ostream& out, const xercesc::DOMNode* node);
-// Writes text in the local code page; text that cannot be converted writes
-// nothing and sets the stream's bad bit.
+// Writes text as the writer above writes text content; text that cannot be
+// written writes nothing and sets the stream's bad bit.
 std::ostream& operator<<(std::ostream& out, const XMLCh* text);
-// As the operator above; with `escape` the characters " & < > are written
-// as entity references (the apostrophe is not).
+// As the operator above; with `escape` the text is an attribute value: the
+// characters " & < > are written as entity references (the apostrophe is
+// not), and tab, line feed and carriage return as character references.
 std::ostream& outputContent(std::ostream& out, const XMLCh* text, bool escape);
 
 // A new system string of the text, each code unit widened to a wchar_t;

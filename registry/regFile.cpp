@@ -1,0 +1,265 @@
+// The registry's file on disk.
+//
+// A save writes the whole new document into a temporary file beside the
+// old one, syncs it and renames it over the old one: readers, which take no
+// lock, always find a whole old or a whole new document, and a crash or a
+// full disk leaves the old one in place. Before the rename the old document
+// is hard-linked to "<file>.bak".
+#include "regFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+// The file a save replaces: a symbolic link stays a link, and its target
+// gets the new content.
+bool SaveTarget(const std::string& path, std::string& target) {
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) {
+        target = path;
+        return true;
+    }
+    char* resolved = realpath(path.c_str(), nullptr);
+    if (!resolved) return false;
+    target = resolved;
+    std::free(resolved);
+    return true;
+}
+
+std::string DirectoryOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Opens a new file beside `path` under a name no other save uses,
+// "<dir>/.<name>.<pid>.<n>". The umask gives it its permission bits, as it
+// would any new file.
+int CreateTemporary(const std::string& path, std::string& temporary) {
+    static std::atomic<unsigned long> s_nNext{0};
+    const size_t slash = path.rfind('/');
+    const std::string prefix = DirectoryOf(path) + "/." +
+                               (slash == std::string::npos ? path : path.substr(slash + 1)) + "." +
+                               std::to_string(getpid()) + ".";
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temporary = prefix + std::to_string(s_nNext++);
+        const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    return -1;
+}
+
+bool WriteAll(int fd, const std::string& bytes, off_t offset) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = pwrite(fd, bytes.data() + done, bytes.size() - done, offset + done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// A full disk often shows first at close, so its result counts too.
+bool SyncAndClose(int fd, struct stat& written) {
+    const bool synced = fsync(fd) == 0 && fstat(fd, &written) == 0;
+    return close(fd) == 0 && synced;
+}
+
+// The rename itself is on disk only once the directory is. Past the rename
+// the new document is in place, so a failure here cannot undo it and is
+// not reported.
+void SyncDirectory(const std::string& directory) {
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+// The last good document stays at hand as "<file>.bak". Linked under a
+// temporary name first, so that an older backup is replaced in one step.
+// Where the file system has no hard links, there is no backup.
+void KeepBackup(const std::string& target, const std::string& temporary) {
+    const std::string staging = temporary + ".bak";
+    if (link(target.c_str(), staging.c_str()) != 0) return;
+    if (rename(staging.c_str(), (target + ".bak").c_str()) != 0) unlink(staging.c_str());
+}
+
+// The replacement keeps the old file's owner where this process may give
+// it away; changing the owner clears the set-id bits, so it goes first.
+void CopyOwnerAndMode(int fd, const struct stat& original) {
+    if ((original.st_uid != geteuid() || original.st_gid != getegid()) &&
+        fchown(fd, original.st_uid, original.st_gid) != 0) {
+        // Not privileged: the file stays this process's own.
+    }
+    if (fchmod(fd, original.st_mode & 07777) != 0) {
+        // The bits the umask gave stay.
+    }
+}
+
+}  // namespace
+
+CFileIdentity CFileIdentity::Of(const struct stat& info) {
+    CFileIdentity identity;
+    identity.known = true;
+    identity.device = info.st_dev;
+    identity.inode = info.st_ino;
+    identity.size = info.st_size;
+    identity.modified = info.st_mtim;
+    return identity;
+}
+
+bool CFileIdentity::operator==(const CFileIdentity& other) const {
+    return known && other.known && device == other.device && inode == other.inode &&
+           size == other.size && modified.tv_sec == other.modified.tv_sec &&
+           modified.tv_nsec == other.modified.tv_nsec;
+}
+
+CRegistryFile::~CRegistryFile() {
+    if (m_lockFd >= 0) close(m_lockFd);
+}
+
+HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
+    int fd = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        // Only a missing file is made anew; one that is there but cannot be
+        // opened is never overwritten.
+        if (errno != ENOENT) return E_FAIL;
+        const HRESULT hr = CreateMissing(initial);
+        if (FAILED(hr)) return hr;
+        fd = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return E_FAIL;
+    }
+    content.clear();
+    char chunk[1 << 16];
+    ssize_t n;
+    while ((n = read(fd, chunk, sizeof chunk)) != 0) {
+        if (n < 0 && errno == EINTR) continue;
+        // A directory opens but cannot be read.
+        if (n < 0) break;
+        content.append(chunk, static_cast<size_t>(n));
+    }
+    struct stat info;
+    const bool read = n == 0 && fstat(fd, &info) == 0;
+    close(fd);
+    if (!read) return E_FAIL;
+    m_known = CFileIdentity::Of(info);
+    return S_OK;
+}
+
+// Made under a temporary name and linked into place, which fails rather than
+// replace a file that another process made meanwhile.
+HRESULT CRegistryFile::CreateMissing(const std::string& initial) {
+    std::string temporary;
+    const int fd = CreateTemporary(m_path, temporary);
+    if (fd < 0) return REGDB_E_WRITEREGDB;
+    struct stat written;
+    const bool complete = WriteAll(fd, initial, 0) && SyncAndClose(fd, written);
+    const bool linked = complete && (link(temporary.c_str(), m_path.c_str()) == 0 || errno == EEXIST);
+    unlink(temporary.c_str());
+    if (!linked) return REGDB_E_WRITEREGDB;
+    SyncDirectory(DirectoryOf(m_path));
+    return S_OK;
+}
+
+bool CRegistryFile::Changed() const {
+    struct stat info;
+    if (stat(m_path.c_str(), &info) != 0) return true;
+    return CFileIdentity::Of(info) != m_known;
+}
+
+HRESULT CRegistryFile::Write(const std::string& bytes) {
+    std::string target;
+    if (!SaveTarget(m_path, target)) return REGDB_E_WRITEREGDB;
+    bool noTemporary = false;
+    const HRESULT hr = ReplaceAtomically(target, bytes, noTemporary);
+    // A directory that takes no new file, holding a file that may be
+    // written: the only way left is in place.
+    if (noTemporary && access(target.c_str(), W_OK) == 0) return WriteInPlace(target, bytes);
+    return hr;
+}
+
+HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, const std::string& bytes,
+                                         bool& noTemporary) {
+    struct stat original;
+    const bool exists = stat(target.c_str(), &original) == 0;
+    std::string temporary;
+    const int fd = CreateTemporary(target, temporary);
+    if (fd < 0) {
+        noTemporary = true;
+        return REGDB_E_WRITEREGDB;
+    }
+    if (exists) CopyOwnerAndMode(fd, original);
+    struct stat written;
+    const bool complete = WriteAll(fd, bytes, 0) && SyncAndClose(fd, written);
+    if (!complete) {
+        unlink(temporary.c_str());
+        return REGDB_E_WRITEREGDB;
+    }
+    if (exists) KeepBackup(target, temporary);
+    if (rename(temporary.c_str(), target.c_str()) != 0) {
+        unlink(temporary.c_str());
+        return REGDB_E_WRITEREGDB;
+    }
+    SyncDirectory(DirectoryOf(target));
+    m_known = CFileIdentity::Of(written);
+    return S_OK;
+}
+
+// The space is reserved first, so that a full disk or a size limit fails
+// before the old content is touched. A crash in the middle of this write
+// can still damage the file: there is no other way in such a directory.
+HRESULT CRegistryFile::WriteInPlace(const std::string& target, const std::string& bytes) {
+    const int fd = open(target.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return REGDB_E_WRITEREGDB;
+    struct stat before;
+    if (fstat(fd, &before) != 0 || posix_fallocate(fd, 0, static_cast<off_t>(bytes.size())) != 0) {
+        // A reservation that failed half way may have grown the file.
+        if (ftruncate(fd, before.st_size) != 0) {
+            // The content itself was never touched.
+        }
+        close(fd);
+        return REGDB_E_WRITEREGDB;
+    }
+    struct stat written;
+    const bool complete = WriteAll(fd, bytes, 0) &&
+                          ftruncate(fd, static_cast<off_t>(bytes.size())) == 0 &&
+                          SyncAndClose(fd, written);
+    if (!complete) return REGDB_E_WRITEREGDB;
+    m_known = CFileIdentity::Of(written);
+    return S_OK;
+}
+
+// Beside the file a save replaces, so that every process that reaches it,
+// through a link or not, locks the same file. A lock file that cannot be
+// made (a read-only directory) leaves writers unlocked.
+int CRegistryFile::LockDescriptor() {
+    if (m_lockFd >= 0) return m_lockFd;
+    std::string target;
+    if (!SaveTarget(m_path, target)) return -1;
+    const std::string path = target + ".lock";
+    m_lockFd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    // flock needs no write access: another user's lock file still serves.
+    if (m_lockFd < 0) m_lockFd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    return m_lockFd;
+}
+
+CRegistryFile::CWriterLock::CWriterLock(CRegistryFile& file) : m_fd(file.LockDescriptor()) {
+    if (m_fd < 0) return;
+    while (flock(m_fd, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            m_fd = -1;
+            return;
+        }
+    }
+}
+
+CRegistryFile::CWriterLock::~CWriterLock() {
+    if (m_fd >= 0) flock(m_fd, LOCK_UN);
+}

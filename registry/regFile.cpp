@@ -7,7 +7,9 @@
 // is hard-linked to "<file>.bak".
 #include "regFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -38,15 +40,18 @@ std::string DirectoryOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+std::string BaseNameOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
 // Opens a new file beside `path` under a name no other save uses,
 // "<dir>/.<name>.<pid>.<n>". The umask gives it its permission bits, as it
 // would any new file.
 int CreateTemporary(const std::string& path, std::string& temporary) {
     static std::atomic<unsigned long> s_nNext{0};
-    const size_t slash = path.rfind('/');
-    const std::string prefix = DirectoryOf(path) + "/." +
-                               (slash == std::string::npos ? path : path.substr(slash + 1)) + "." +
-                               std::to_string(getpid()) + ".";
+    const std::string prefix =
+        DirectoryOf(path) + "/." + BaseNameOf(path) + "." + std::to_string(getpid()) + ".";
     for (int attempt = 0; attempt < 100; ++attempt) {
         temporary = prefix + std::to_string(s_nNext++);
         const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -70,6 +75,26 @@ bool WriteAll(int fd, const std::string& bytes, off_t offset) {
 bool SyncAndClose(int fd, struct stat& written) {
     const bool synced = fsync(fd) == 0 && fstat(fd, &written) == 0;
     return close(fd) == 0 && synced;
+}
+
+// A writer killed in the middle of a save leaves its temporary file behind.
+// Under the writers' lock no living process is saving, so the files of
+// processes that are gone can go too.
+void RemoveAbandonedTemporaries(const std::string& target) {
+    const std::string directory = DirectoryOf(target);
+    const std::string prefix = "." + BaseNameOf(target) + ".";
+    DIR* dir = opendir(directory.c_str());
+    if (!dir) return;
+    while (const dirent* entry = readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, prefix.size(), prefix) != 0) continue;
+        char* end = nullptr;
+        const long pid = std::strtol(name.c_str() + prefix.size(), &end, 10);
+        if (end == name.c_str() + prefix.size() || *end != '.' || pid <= 0) continue;
+        if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)
+            unlink((directory + "/" + name).c_str());
+    }
+    closedir(dir);
 }
 
 // The rename itself is on disk only once the directory is. Past the rename
@@ -177,6 +202,10 @@ bool CRegistryFile::Changed() const {
 HRESULT CRegistryFile::Write(const std::string& bytes) {
     std::string target;
     if (!SaveTarget(m_path, target)) return REGDB_E_WRITEREGDB;
+    if (!m_bSwept) {
+        RemoveAbandonedTemporaries(target);
+        m_bSwept = true;
+    }
     bool noTemporary = false;
     const HRESULT hr = ReplaceAtomically(target, bytes, noTemporary);
     // A directory that takes no new file, holding a file that may be
@@ -239,8 +268,13 @@ HRESULT CRegistryFile::WriteInPlace(const std::string& target, const std::string
 // Beside the file a save replaces, so that every process that reaches it,
 // through a link or not, locks the same file. A lock file that cannot be
 // made (a read-only directory) leaves writers unlocked.
+//
+// A child made by fork shares its parent's descriptor, and with it the lock
+// itself: it opens one of its own.
 int CRegistryFile::LockDescriptor() {
-    if (m_lockFd >= 0) return m_lockFd;
+    if (m_lockFd >= 0 && m_lockOwner == getpid()) return m_lockFd;
+    if (m_lockFd >= 0) close(m_lockFd);
+    m_lockOwner = getpid();
     std::string target;
     if (!SaveTarget(m_path, target)) return -1;
     const std::string path = target + ".lock";

@@ -5,6 +5,7 @@
 #define VELTCOM_REGISTRY_REGFILE_H
 
 #include <sys/stat.h>
+#include <sys/types.h>
 
 #include <string>
 
@@ -71,6 +72,10 @@ private:
     std::string m_path;
     CFileIdentity m_known;
     int m_lockFd = -1;
+    pid_t m_lockOwner = 0;
+    // Whether this process has cleared away the temporary files of writers
+    // that were killed; once is enough.
+    bool m_bSwept = false;
 };
 
 #endif

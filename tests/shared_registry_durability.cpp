@@ -1,0 +1,420 @@
+// The registry file under real faults, with real processes: writers killed
+// in the middle of a save, a file-size limit, two writers at once, processes
+// starting while others save, text and paths at their limits, and memory
+// over long runs of changes.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "testSupport.h"
+
+namespace {
+
+using EnumPtr = utlAutoIf<COM_IEnumBSTR, &COM_IID_IEnumBSTR>;
+
+const std::string kDeclaration = "<?xml version='1.0' encoding='ISO-8859-1' ?>\n";
+
+// A registry file in the exact form the runtime writes, holding `count`
+// registered classes: about 190 bytes each.
+std::string ManyClasses(unsigned count) {
+    std::string classes;
+    for (unsigned i = 0; i < count; ++i) {
+        const std::string n = std::to_string(i);
+        classes += "<Class" + n + " default = \"Test.Class." + n + "\"><InprocServer32 default = \"libtest" + n +
+                   ".so\"/><ProgID default = \"Test.Class." + n + "\"/><InstallCount default = \"1\"/></Class" + n +
+                   ">";
+    }
+    return kDeclaration + "<Software><Quorvane><Version><ApplicationData/><Classes><CLSID>" + classes +
+           "</CLSID><ComponentCategories/><Moniker/></Classes></Version></Quorvane></Software>";
+}
+
+// Runs `body` in a child process, whose exit code is its result. Children
+// report through exit codes alone: a test assertion there would go unseen.
+pid_t Spawn(const std::function<int()>& body) {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+
+// The child's exit code, or 128 + the signal that ended it.
+int Wait(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int InChild(const std::function<int()>& body) { return Wait(Spawn(body)); }
+
+// This process's registry opened at a key; null when that fails.
+RegistryPtr OpenAt(unsigned hive, const wchar_t* path) {
+    RegistryPtr registry;
+    if (FAILED(registry.CreateInstance(COM_CLSID_Registry)) || FAILED(registry->Open(hive, path)))
+        return RegistryPtr();
+    return registry;
+}
+
+unsigned long KeyCount(unsigned hive, const wchar_t* path) {
+    RegistryPtr registry = OpenAt(hive, path);
+    EnumPtr keys;
+    unsigned long count = 0;
+    if (!registry || FAILED(registry->EnumKeys(keys.Out())) || FAILED(keys->get_Count(&count))) return ~0UL;
+    return count;
+}
+
+// A string value read through the registry; "<missing>" when there is none.
+std::wstring StringAt(COM_IRegistry* registry, const std::wstring& name) {
+    wchar_t* value = nullptr;
+    if (FAILED(registry->GetValueString(name.c_str(), &value))) return L"<missing>";
+    return Take(value);
+}
+
+// Names of the files a save leaves in the directory besides the registry's.
+std::vector<std::string> Leftovers(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        const std::string name = entry.path().filename().string();
+        if (name != "Registry.XML" && name != "Registry.XML.bak" && name != "Registry.XML.lock") names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool UnderSanitizer() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#else
+    return false;
+#endif
+}
+
+// Resident memory of this process, in bytes.
+long ResidentBytes() {
+    long pages = 0, resident = 0;
+    FILE* statm = std::fopen("/proc/self/statm", "r");
+    if (!statm) return -1;
+    const bool read = std::fscanf(statm, "%ld %ld", &pages, &resident) == 2;
+    std::fclose(statm);
+    return read ? resident * sysconf(_SC_PAGESIZE) : -1;
+}
+
+class RegistryDurability : public TempDirTest {};
+
+TEST_F(RegistryDurability, AWriterKilledAtAnyMomentOfASaveLeavesEveryClass) {
+    const unsigned kClasses = 12000;  // about 2.3 MB
+    WriteFile("Registry.XML", ManyClasses(kClasses));
+    std::random_device seed;
+    const unsigned seedValue = seed();
+    std::mt19937 random(seedValue);
+    SCOPED_TRACE("seed " + std::to_string(seedValue));
+    for (int round = 0; round < 20; ++round) {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t writer = Spawn([&] {
+            close(ready[0]);
+            // Each writer first proves that the file it found is whole.
+            if (KeyCount(1, L"CLSID") != kClasses) return 2;
+            RegistryPtr registry = OpenAt(5, L"");
+            if (!registry || write(ready[1], "r", 1) != 1) return 3;
+            for (unsigned i = 0;; ++i) {
+                registry->SetValueDWORD(L"round", i);
+                if (i % 2) registry->CreateKey(L"Scratch\\Deeper", 0);
+                else registry->DeleteKey(L"Scratch");
+            }
+        });
+        close(ready[1]);
+        char byte = 0;
+        const bool started = read(ready[0], &byte, 1) == 1;
+        close(ready[0]);
+        if (started) usleep(std::uniform_int_distribution<useconds_t>(0, 150000)(random));
+        kill(writer, SIGKILL);
+        const int status = Wait(writer);
+        ASSERT_TRUE(started) << "round " << round << ": the file a killed writer left could not be loaded ("
+                             << status << ")";
+    }
+    EXPECT_EQ(InChild([&] { return KeyCount(1, L"CLSID") == kClasses ? 0 : 1; }), 0);
+    // The next save clears away what the killed writers left half made.
+    EXPECT_EQ(InChild([] {
+        RegistryPtr registry = OpenAt(5, L"");
+        return registry && registry->SetValueDWORD(L"round", 0) == S_OK ? 0 : 1;
+    }), 0);
+    EXPECT_EQ(Leftovers(m_dir), std::vector<std::string>());
+}
+
+TEST_F(RegistryDurability, ASaveBeyondTheFileSizeLimitFailsAndChangesNothing) {
+    WriteFile("Registry.XML", ManyClasses(100));
+    const std::string before = ReadFile("Registry.XML");
+    EXPECT_EQ(InChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {before.size() + 100, before.size() + 100};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry) return 3;
+        if (registry->SetValueString(L"big", std::wstring(1000, L'x').c_str()) != REGDB_E_WRITEREGDB) return 4;
+        // What could not be saved is not kept in memory either, to be
+        // saved by some later change.
+        if (registry->GetValueString(L"big", nullptr) != REGDB_E_INVALIDVALUE) return 5;
+        return registry->SetValueString(L"small", L"s") == S_OK ? 0 : 6;
+    }), 0);
+    const std::string after = ReadFile("Registry.XML");
+    EXPECT_EQ(after.find("big"), std::string::npos);
+    EXPECT_NE(after.find("small"), std::string::npos);
+    EXPECT_TRUE(ReadFile("Registry.XML.bak") == before) << "the backup is not the document before";
+    EXPECT_EQ(Leftovers(m_dir), std::vector<std::string>());
+}
+
+// A directory that takes no new file, holding a file anyone may write: the
+// save goes in place, and space is reserved before the old content is
+// touched.
+TEST_F(RegistryDurability, AReadOnlyDirectoryIsSavedInPlaceAndAFullOneChangesNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root, to act as a user the directory refuses";
+    WriteFile("Registry.XML", ManyClasses(100));
+    ASSERT_EQ(chmod(PathOf("Registry.XML").c_str(), 0666), 0);
+    ASSERT_EQ(chmod(m_dir.c_str(), 0755), 0);
+    const std::string before = ReadFile("Registry.XML");
+    EXPECT_EQ(InChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {before.size() + 100, before.size() + 100};
+        if (setgid(65534) != 0 || setuid(65534) != 0 || setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry) return 3;
+        if (registry->SetValueString(L"big", std::wstring(1000, L'x').c_str()) != REGDB_E_WRITEREGDB) return 4;
+        return 0;
+    }), 0);
+    EXPECT_TRUE(ReadFile("Registry.XML") == before) << "a failed save in place touched the file";
+    EXPECT_EQ(InChild([&] {
+        if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+        RegistryPtr registry = OpenAt(5, L"");
+        return registry && registry->SetValueString(L"small", L"s") == S_OK ? 0 : 3;
+    }), 0);
+    EXPECT_NE(ReadFile("Registry.XML").find("value = \"s\""), std::string::npos);
+    EXPECT_EQ(Leftovers(m_dir), std::vector<std::string>());
+}
+
+TEST_F(RegistryDurability, TwoWritersAtOnceLoseNothingAndStartersNeverAbort) {
+    const unsigned kClasses = 200;
+    const int kValues = 300;
+    WriteFile("Registry.XML", ManyClasses(kClasses));
+    auto writer = [&](const wchar_t* prefix) {
+        return [=] {
+            RegistryPtr registry = OpenAt(5, L"");
+            if (!registry) return 2;
+            for (int i = 0; i < kValues; ++i) {
+                if (registry->SetValueString((prefix + std::to_wstring(i)).c_str(), std::to_wstring(i).c_str()) != S_OK)
+                    return 3;
+            }
+            return 0;
+        };
+    };
+    const pid_t first = Spawn(writer(L"first"));
+    const pid_t second = Spawn(writer(L"second"));
+    int starters = 0;
+    for (; starters < 40; ++starters)
+        ASSERT_EQ(InChild([&] { return KeyCount(1, L"CLSID") == kClasses ? 0 : 1; }), 0) << "starter " << starters;
+    EXPECT_EQ(Wait(first), 0);
+    EXPECT_EQ(Wait(second), 0);
+    EXPECT_EQ(InChild([&] {
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry) return 255;
+        int lost = 0;
+        for (const wchar_t* prefix : {L"first", L"second"}) {
+            for (int i = 0; i < kValues; ++i)
+                lost += StringAt(registry.Get(), prefix + std::to_wstring(i)) != std::to_wstring(i);
+        }
+        return std::min(lost, 254);
+    }), 0) << "updates lost";
+}
+
+TEST_F(RegistryDurability, TextsReadBackIdenticalInANewProcessAndWhatCannotBeStoredIsRefused) {
+    const std::vector<std::wstring> texts = {
+        L"tab\tok",   L"line\nfeed", L"carriage\rreturn", L"\r\n\t", L"caf\u00e9 \u00ff", L"\u4e2d\u6587",
+        L"\uF900\uFFFD", L"  spaced  ", L"<&>\"'",          L"]]>",     L"\u0100\u00a0",     L"",
+    };
+    ASSERT_EQ(InChild([&] {
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry || registry->CreateKey(L"K\u00e9\u00ff", 1) != S_OK) return 2;
+        for (size_t i = 0; i < texts.size(); ++i) {
+            if (registry->SetValueString((L"v" + std::to_wstring(i)).c_str(), texts[i].c_str()) != S_OK) return 10 + int(i);
+        }
+        if (registry->SetValueString(L"", L"d\u4e2d\n") != S_OK) return 3;
+        if (registry->SetValueString(L"name\u4e2d\t", L"n") != S_OK) return 4;
+        return registry->SetValueDWORD(L"number", 0xFFFFFFFFu) == S_OK ? 0 : 5;
+    }), 0);
+    EXPECT_EQ(InChild([&] {
+        RegistryPtr registry = OpenAt(5, L"K\u00e9\u00ff");
+        if (!registry) return 2;
+        for (size_t i = 0; i < texts.size(); ++i) {
+            if (StringAt(registry.Get(), L"v" + std::to_wstring(i)) != texts[i]) return 10 + int(i);
+        }
+        if (StringAt(registry.Get(), L"") != L"d\u4e2d\n") return 3;
+        if (StringAt(registry.Get(), L"name\u4e2d\t") != L"n") return 4;
+        unsigned int number = 0;
+        return registry->GetValueDWORD(L"number", &number) == S_OK && number == 0xFFFFFFFFu ? 0 : 5;
+    }), 0);
+
+    const std::string before = ReadFile("Registry.XML");
+    EXPECT_EQ(InChild([] {
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry) return 2;
+        // A key name is an element name in a file whose bytes are ISO-8859-1.
+        for (const wchar_t* path : {L"K\u4e2d", L"New\\Deeper\u0100", L"\U0001F600"}) {
+            if (registry->CreateKey(path, 0) != E_INVALIDARG) return 3;
+        }
+        // No XML document can hold these characters at all.
+        for (const wchar_t* text : {L"bell\a", L"\x01", L"lone \xD800", L"\uFFFE", L"\uFFFF"}) {
+            if (registry->SetValueString(L"v", text) != E_INVALIDARG) return 4;
+            if (registry->SetValueString(text, L"v") != E_INVALIDARG) return 5;
+        }
+        return 0;
+    }), 0);
+    EXPECT_TRUE(ReadFile("Registry.XML") == before) << "a refused change wrote something";
+}
+
+TEST_F(RegistryDurability, ANoOpChangeLeavesAnAsciiDocumentByteIdentical) {
+    const std::string written = ManyClasses(3);
+    WriteFile("Registry.XML", written);
+    EXPECT_EQ(InChild([] {
+        RegistryPtr registry = OpenAt(1, L"CLSID\\Class1");
+        if (!registry || registry->SetValueString(L"", L"Test.Class.1") != S_OK) return 2;
+        if (registry->CreateKey(L"ProgID", 0) != S_OK) return 3;
+        return registry->OpenKey(L"InstallCount") == S_OK && registry->SetValueString(L"", L"1") == S_OK ? 0 : 4;
+    }), 0);
+    EXPECT_TRUE(ReadFile("Registry.XML") == written) << ReadFile("Registry.XML");
+}
+
+TEST_F(RegistryDurability, PathsBeyondTheDepthLimitAreRefusedAndDeepFilesStillLoadAndSave) {
+    std::wstring path = L"k";
+    for (int depth = 1; depth < 256; ++depth) path += L"\\k";
+    EXPECT_EQ(InChild([&] {
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry || registry->CreateKey(path.c_str(), 0) != S_OK) return 2;
+        const std::wstring deeper = path + L"\\k";
+        if (registry->CreateKey(deeper.c_str(), 0) != E_INVALIDARG) return 3;
+        if (registry->OpenKey(deeper.c_str()) != E_INVALIDARG) return 4;
+        std::wstring huge = L"h";
+        for (int depth = 1; depth < 100000; ++depth) huge += L"\\h";
+        return registry->CreateKey(huge.c_str(), 0) == E_INVALIDARG ? 0 : 5;
+    }), 0);
+    EXPECT_EQ(InChild([&] { return OpenAt(5, path.c_str()) ? 0 : 1; }), 0);
+
+    // A file nested far deeper than any path may reach, made by hand: it
+    // loads, takes changes, and goes whole.
+    const int kDepth = 100000;
+    std::string nested;
+    for (int i = 0; i < kDepth; ++i) nested += "<d>";
+    for (int i = 0; i < kDepth; ++i) nested += "</d>";
+    WriteFile("Registry.XML", kDeclaration + "<Software><Quorvane><Version><ApplicationData><Deep>" + nested +
+                                  "</Deep></ApplicationData><Classes><CLSID/></Classes></Version></Quorvane></Software>");
+    EXPECT_EQ(InChild([] {
+        RegistryPtr registry = OpenAt(5, L"");
+        return registry && registry->SetValueString(L"v", L"x") == S_OK ? 0 : 1;
+    }), 0);
+    EXPECT_EQ(InChild([] {
+        RegistryPtr registry = OpenAt(5, L"");
+        return registry && StringAt(registry.Get(), L"v") == L"x" && registry->DeleteKey(L"Deep") == S_OK ? 0 : 1;
+    }), 0);
+    EXPECT_EQ(ReadFile("Registry.XML").find("<d>"), std::string::npos);
+}
+
+TEST_F(RegistryDurability, MemoryStaysBoundedUnderOverwritesAndCreateDeleteCycles) {
+    if (UnderSanitizer()) GTEST_SKIP() << "the sanitizer holds freed memory back";
+    // A file system in memory: each save's fsync costs nothing there.
+    char pattern[] = "/dev/shm/veltcom-rss-XXXXXX";
+    const bool inMemory = mkdtemp(pattern) != nullptr;
+    const std::string directory = inMemory ? pattern : m_dir;
+    const int kCycles = 20000;
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    const int status = InChild([&] {
+        setenv("COMLIB", directory.c_str(), 1);
+        RegistryPtr registry = OpenAt(5, L"");
+        if (!registry) return 2;
+        for (int i = 0; i < 1000; ++i) registry->SetValueString(L"v", std::to_wstring(i).c_str());
+        const long start = ResidentBytes();
+        for (int i = 0; i < kCycles; ++i) {
+            if (registry->SetValueString(L"v", std::to_wstring(i).c_str()) != S_OK) return 3;
+        }
+        const long overwritten = ResidentBytes();
+        for (int i = 0; i < kCycles; ++i) {
+            if (registry->CreateKey(L"Cycle\\Inner", 0) != S_OK || registry->DeleteKey(L"Cycle") != S_OK) return 4;
+        }
+        const long cycled = ResidentBytes();
+        const long growth[2] = {overwritten - start, cycled - overwritten};
+        return write(report[1], growth, sizeof growth) == sizeof growth ? 0 : 5;
+    });
+    long growth[2] = {-1, -1};
+    close(report[1]);
+    const bool reported = read(report[0], growth, sizeof growth) == sizeof growth;
+    close(report[0]);
+    if (inMemory) std::filesystem::remove_all(directory);
+    ASSERT_EQ(status, 0);
+    ASSERT_TRUE(reported);
+    const long kBound = 4L << 20;
+    EXPECT_LT(growth[0], kBound) << "after " << kCycles << " overwrites";
+    EXPECT_LT(growth[1], kBound) << "after " << kCycles << " create/delete cycles";
+    std::printf("resident growth: %ld KiB over %d overwrites, %ld KiB over %d create/delete cycles\n",
+                growth[0] >> 10, kCycles, growth[1] >> 10, kCycles);
+}
+
+TEST_F(RegistryDurability, ASaveKeepsModeOwnerAndLinkAndTheLastDocumentAsBackup) {
+    ASSERT_EQ(mkdir(PathOf("real").c_str(), 0755), 0);
+    const std::string first = ManyClasses(1);
+    WriteFile("real/registry.xml", first);
+    ASSERT_EQ(symlink("real/registry.xml", PathOf("Registry.XML").c_str()), 0);
+    ASSERT_EQ(chmod(PathOf("real/registry.xml").c_str(), 0640), 0);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(PathOf("real/registry.xml").c_str(), 4242, 4343), 0);
+    }
+
+    RegistryPtr registry = OpenAt(5, L"");
+    ASSERT_TRUE(registry);
+    ASSERT_EQ(registry->SetValueString(L"v", L"1"), S_OK);
+    const std::string second = ReadFile("real/registry.xml");
+    ASSERT_EQ(registry->SetValueString(L"v", L"2"), S_OK);
+
+    struct stat info;
+    ASSERT_EQ(lstat(PathOf("Registry.XML").c_str(), &info), 0);
+    EXPECT_TRUE(S_ISLNK(info.st_mode));
+    ASSERT_EQ(stat(PathOf("real/registry.xml").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0640u);
+    if (root) {
+        EXPECT_EQ(std::make_pair(info.st_uid, info.st_gid), std::make_pair(uid_t(4242), gid_t(4343)));
+    }
+    EXPECT_NE(ReadFile("Registry.XML").find("value = \"2\""), std::string::npos);
+    EXPECT_TRUE(ReadFile("real/registry.xml.bak") == second) << "the backup is not the document before";
+    EXPECT_EQ(Leftovers(PathOf("real")), (std::vector<std::string>{"registry.xml", "registry.xml.bak",
+                                                                   "registry.xml.lock"}));
+}
+
+TEST_F(RegistryDurability, ALongRunningProcessSeesOthersChangesAtItsNextOpenAndKeepsThem) {
+    RegistryPtr registry = OpenAt(1, L"CLSID");
+    ASSERT_TRUE(registry);
+    ASSERT_EQ(registry->SetValueString(L"mine", L"1"), S_OK);
+    // A child made by fork starts from this process's document and lock.
+    ASSERT_EQ(InChild([] {
+        RegistryPtr child = OpenAt(1, L"CLSID");
+        return child && child->CreateKey(L"Later", 0) == S_OK && child->SetValueString(L"theirs", L"2") == S_OK ? 0
+                                                                                                                : 1;
+    }), 0);
+    ASSERT_EQ(registry->Open(1, L"CLSID\\Later"), S_OK);
+    ASSERT_EQ(registry->Open(1, L"CLSID"), S_OK);
+    EXPECT_EQ(StringAt(registry.Get(), L"theirs"), L"2");
+    ASSERT_EQ(registry->SetValueString(L"mine", L"3"), S_OK);
+    EXPECT_EQ(InChild([] {
+        RegistryPtr child = OpenAt(1, L"CLSID");
+        return child && StringAt(child.Get(), L"theirs") == L"2" && StringAt(child.Get(), L"mine") == L"3" ? 0 : 1;
+    }), 0);
+}
+
+}  // namespace

@@ -1,5 +1,8 @@
 // The veltcom tool's reg commands, the choice of registry file, and registry
 // files the runtime cannot read.
+#include <signal.h>
+#include <sys/resource.h>
+
 #include "shared_tool_support.h"
 
 namespace {
@@ -78,6 +81,21 @@ TEST_F(ToolReg, TextTheFileCannotHoldIsRefusedBeforeAnyChange) {
         EXPECT_TRUE(Failed(Run({"reg", "set", "user", key_value.first, "n", key_value.second}), 2,
                            "0x80070057")) << key_value.first << " " << key_value.second;
     EXPECT_EQ(RegistryFile(), before);
+}
+
+// The tool inherits the file-size limit, as it would from a shell's ulimit.
+TEST_F(ToolReg, AChangeThatCannotBeSavedFailsAndLeavesTheFileAsItWas) {
+    RunOk({"reg", "set", "user", "K", "n", "v"});
+    const std::string before = RegistryFile();
+    rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const rlimit limited = {4096, saved.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    const ToolRun run = Run({"reg", "set", "user", "K", "big", std::string(8192, 'x')});
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+    EXPECT_TRUE(Failed(run, 1, "0x80040151", "value big not set"));
+    EXPECT_TRUE(RegistryFile() == before) << "the failed save changed the file";
 }
 
 TEST_F(ToolReg, RegistryOptionAndComlibChooseTheFile) {

@@ -158,10 +158,9 @@ void WriteKeyXml(const RegKey& key, int depth) {
     std::cout << indent << "</" << key.name << ">\n";
 }
 
-// Text that would not read back as it was set is refused before any key is
-// made. The registry file declares ISO-8859-1 but is written in the local
-// code page, so only ASCII survives; control characters are refused by the
-// runtime, or (line ends and tabs) read back as blanks from an attribute.
+// Text is refused before any key is made unless it is printable ASCII: the
+// only text that is the same in every terminal's code page, and shown back
+// by query and export exactly as it was given.
 void RequireStorable(const std::string& text, const char* what) {
     for (char c : text) {
         const unsigned char byte = static_cast<unsigned char>(c);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <cwchar>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "coreInternal.h"
@@ -22,6 +23,10 @@ typedef HRESULT (*PFNGETCLASSOBJECT)(const COM_GUID& clsid, const COM_GUID& iid,
 // Keyed by the InprocServer32 text exactly as registered. Libraries are
 // never closed, so the entries stay valid for the life of the process.
 std::map<std::wstring, PFNGETCLASSOBJECT> g_dllMap;
+// Held from the look-up in the map through the load, so that threads
+// activating a library's classes for the first time load it once. Recursive:
+// a library's constructors may themselves create objects.
+std::recursive_mutex g_dllMapLock;
 
 const wchar_t kErrorLocation[] = L"JCOM_API:COM_CreateInstance";
 
@@ -147,9 +152,12 @@ HRESULT CComClassFactory::GetClassFactory(const COM_GUID& clsid, void** factory)
     const std::wstring name(value, COM_SysStringLen(value));
     COM_SysFreeString(value);
 
-    auto known = g_dllMap.find(name);
-    PFNGETCLASSOBJECT getClassObject =
-        known != g_dllMap.end() ? known->second : LoadLibrary(name, hr);
+    PFNGETCLASSOBJECT getClassObject;
+    {
+        std::lock_guard<std::recursive_mutex> lock(g_dllMapLock);
+        auto known = g_dllMap.find(name);
+        getClassObject = known != g_dllMap.end() ? known->second : LoadLibrary(name, hr);
+    }
     if (!getClassObject) return hr;
     return getClassObject(clsid, COM_IID_IClassFactory, factory);
 }

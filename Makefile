@@ -2,13 +2,14 @@
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+BENCH_BUILD ?= build-bench
 JOBS       ?= $(shell nproc)
 PACKAGES   := cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libxerces-c-dev \
               libxml2-utils pkg-config python3
 # The builds below run make again; their directory messages are noise.
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test asan tsan demo clean
+.PHONY: all deps configure build test asan tsan bench demo clean
 
 all: build
 
@@ -52,6 +53,14 @@ tsan: deps
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1 \
 	  ctest --test-dir $(TSAN_BUILD) --output-on-failure -j $(JOBS)
 
+# The benchmark programs in a Release build of their own, then the table of
+# figures beside their anchors. BENCH_ARGS goes to every program, e.g.
+# BENCH_ARGS="--benchmark_min_time=0.01 --benchmark_repetitions=1".
+bench: deps
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DVELTCOM_BENCH=ON -DVELTCOM_TESTS=OFF
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target benchmarks
+	bash bench/run.sh $(BENCH_BUILD) $(BENCH_ARGS)
+
 # Builds the runtime and the tool, installs them into a scratch prefix, builds
 # examples/ against that prefix alone, then runs the narrated scenario in a
 # scratch directory.
@@ -65,4 +74,4 @@ demo: configure
 	bash examples/demo.sh $(DEMO_PREFIX) $(DEMO_EXAMPLES) $(DEMO_RUN)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD)

@@ -3,13 +3,17 @@ BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 BENCH_BUILD ?= build-bench
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc)
 PACKAGES   := cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libxerces-c-dev \
               libxml2-utils pkg-config python3
+# The fuzzers need clang and its libFuzzer and sanitizer runtimes.
+FUZZ_PACKAGES := clang libclang-rt-14-dev
 # The builds below run make again; their directory messages are noise.
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test asan tsan bench demo clean
+.PHONY: all deps configure build test asan tsan bench fuzz demo clean
 
 all: build
 
@@ -61,6 +65,15 @@ bench: deps
 	cmake --build $(BENCH_BUILD) -j $(JOBS) --target benchmarks
 	bash bench/run.sh $(BENCH_BUILD) $(BENCH_ARGS)
 
+# The libFuzzer targets of fuzz/, built with clang under AddressSanitizer and
+# UndefinedBehaviorSanitizer, each run for FUZZ_SECONDS from its seed corpus;
+# any crash, sanitizer report or broken invariant fails the run.
+fuzz:
+	$(MAKE) deps PACKAGES="$(PACKAGES) $(FUZZ_PACKAGES)"
+	cmake -S fuzz -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash fuzz/run.sh $(FUZZ_BUILD)
+
 # Builds the runtime and the tool, installs them into a scratch prefix, builds
 # examples/ against that prefix alone, then runs the narrated scenario in a
 # scratch directory.
@@ -74,4 +87,4 @@ demo: configure
 	bash examples/demo.sh $(DEMO_PREFIX) $(DEMO_EXAMPLES) $(DEMO_RUN)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)

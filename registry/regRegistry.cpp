@@ -17,6 +17,7 @@
 #include <xercesc/util/XMLUni.hpp>
 
 #include "core/coreInternal.h"
+#include "unix/regIndex.h"
 #include "unix/regErrorHandler.h"
 
 using xercesc::DOMNode;
@@ -128,6 +129,7 @@ private:
 CXMLRegistry::CXMLRegistry() = default;
 
 CXMLRegistry::~CXMLRegistry() {
+    ChildIndex::Attach(nullptr);
     m_spParser.Reset();
     m_spErrorHandler.Reset();
     xercesc::XMLPlatformUtils::Terminate();
@@ -197,6 +199,8 @@ HRESULT CXMLRegistry::Parse(const std::string& content) {
                                           content.size(), "REGISTRY", false);
         parser->parse(source);
         if (!parser->getDocument()) return E_FAIL;
+        // The index leaves the old document before the old document goes.
+        ChildIndex::Attach(parser->getDocument());
         m_spParser.Reset(parser.Detach());
         m_spErrorHandler.Reset(handler.Detach());
     } catch (const xercesc::XMLException& e) {

@@ -287,6 +287,40 @@ TEST_F(RegistryObject, ChangesApplyToTheFileAsItIsNowAndAFailedOneToNothing) {
     EXPECT_EQ(File(), Saved(""));
 }
 
+// Keys with many children are looked up through an index: what it finds is
+// what a scan in document order finds, through every kind of change.
+TEST_F(RegistryObject, LookupsAmongManyChildrenFindTheFirstOfTheNameThroughEveryChange) {
+    std::string many;
+    for (int i = 0; i < 100; ++i) many += "<K" + std::to_string(i) + " default = \"" + std::to_string(i) + "\"/>";
+    WriteFile("Registry.XML", Saved(many + "<Dup default = \"first\"/><Dup default = \"second\"/>"));
+    OpenClsid();
+    auto defaultOf = [this](const wchar_t* path) {
+        EXPECT_EQ(m_reg->Open(1, L"CLSID"), S_OK);
+        return m_reg->OpenKey(path) == S_OK ? String(L"") : std::wstring(L"<missing>");
+    };
+    EXPECT_EQ(defaultOf(L"K99"), L"99");
+    EXPECT_EQ(defaultOf(L"Dup"), L"first");
+
+    ASSERT_EQ(m_reg->Open(1, L"CLSID"), S_OK);
+    ASSERT_EQ(m_reg->DeleteKey(L"Dup"), S_OK);
+    EXPECT_EQ(defaultOf(L"Dup"), L"second");
+    ASSERT_EQ(m_reg->Open(1, L"CLSID"), S_OK);
+    ASSERT_EQ(m_reg->DeleteKey(L"K5"), S_OK);
+    EXPECT_EQ(defaultOf(L"K5"), L"<missing>");
+    ASSERT_EQ(m_reg->Open(1, L"CLSID"), S_OK);
+    ASSERT_EQ(m_reg->CreateKey(L"K5", 1), S_OK);
+    ASSERT_EQ(m_reg->SetValueString(L"", L"again"), S_OK);
+    EXPECT_EQ(defaultOf(L"K5"), L"again");
+    ASSERT_EQ(m_reg->Open(1, L"CLSID"), S_OK);
+    ASSERT_EQ(m_reg->CreateKey(L"Dup", 0), S_OK);
+    EXPECT_EQ(defaultOf(L"Dup"), L"second") << "a new key of a name already there comes after it";
+
+    // Another process's file: only its keys are found.
+    WriteFile("Registry.XML", Saved("<Dup default = \"theirs\"/>" + many));
+    EXPECT_EQ(defaultOf(L"Dup"), L"theirs");
+    EXPECT_EQ(defaultOf(L"K5"), L"5");
+}
+
 TEST_F(RegistryObject, TheWrittenFileIsWellFormedXmlForOtherTools) {
     const char xmllint[] = "/usr/bin/xmllint";
     ASSERT_EQ(access(xmllint, X_OK), 0) << xmllint << " is missing: install libxml2-utils";

@@ -14,6 +14,7 @@
 #include <xercesc/util/XMLString.hpp>
 
 #include "regErrorHandler.h"
+#include "regIndex.h"
 #include "registry/regRegistry.h"
 
 using xercesc::DOMDocument;
@@ -23,8 +24,6 @@ using xercesc::DOMNode;
 using xercesc::XMLString;
 
 namespace {
-
-typedef std::basic_string_view<XMLCh> RegStringView;
 
 const XMLCh kItem[] = u"item";
 const XMLCh kName[] = u"name";
@@ -63,12 +62,7 @@ bool IsElement(const DOMNode* node) { return node->getNodeType() == DOMNode::ELE
 bool IsItem(const DOMNode* node) { return IsElement(node) && NameIs(node, kItem); }
 
 // Any child, of any node type, is compared by its DOM node name.
-DOMNode* FindChild(const DOMNode* parent, RegStringView name) {
-    for (DOMNode* child = parent->getFirstChild(); child; child = child->getNextSibling()) {
-        if (NameIs(child, name)) return child;
-    }
-    return nullptr;
-}
+DOMNode* FindChild(const DOMNode* parent, RegStringView name) { return ChildIndex::Find(parent, name); }
 
 const XMLCh* AttributeValue(const DOMNode* element, const XMLCh* name) {
     const DOMNamedNodeMap* attributes = element->getAttributes();
@@ -118,9 +112,11 @@ void ReleaseSubtree(DOMNode* root) {
             node = last;
         if (node == root) break;
         DOMNode* parent = node->getParentNode();
+        ChildIndex::Released(node);
         parent->removeChild(node)->release();
         node = parent;
     }
+    ChildIndex::Released(root);
     root->release();
 }
 
@@ -213,6 +209,7 @@ int CreateKey(DOMDocument* doc, DOMNode* start, const XMLCh* path, DOMNode** out
         if (!child) {
             name.assign(piece);
             child = node->appendChild(doc->createElement(name.c_str()));
+            ChildIndex::Appended(node, child);
         }
         node = child;
     }
@@ -227,6 +224,7 @@ int DeleteKey(DOMNode* start, const XMLCh* path) {
         DOMNode* parent = found->getParentNode();
         if (!parent) return 0;
         ReleaseSubtree(parent->removeChild(found));
+        ChildIndex::Removed(parent);
         return 1;
     } catch (const xercesc::DOMException&) {
         return 0;
@@ -267,10 +265,13 @@ int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* typ
     item->setAttribute(kType, type);
     item->setAttribute(kValue, value);
     if (old) {
-        ReleaseSubtree(key->replaceChild(item, old));
+        key->replaceChild(item, old);
+        ChildIndex::Replaced(key, old, item);
+        ReleaseSubtree(old);
         return 1;
     }
     key->appendChild(item);
+    ChildIndex::Appended(key, item);
     return 1;
 }
 
@@ -283,6 +284,7 @@ int DeleteValue(DOMDocument*, DOMNode* key, const XMLCh* name) {
     DOMNode* item = FindItem(key, name);
     if (!item) return 0;
     ReleaseSubtree(key->removeChild(item));
+    ChildIndex::Removed(key);
     return 1;
 }
 

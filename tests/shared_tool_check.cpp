@@ -75,8 +75,10 @@ TEST_F(ToolCheck, FindsEveryKindOfProblemInAHandMadeRegistry) {
     size_t lines = 0;
     for (size_t at = 0; (at = run.out.find("; to mend: ", at)) != std::string::npos; ++at)
         ++lines;
-    EXPECT_EQ(lines, 8u) << run;
-    EXPECT_TRUE(Contains(run.out, "8 problems found")) << run;
+    // The hand-made classes also share one ProgID: a warning, counted apart.
+    EXPECT_EQ(lines, 9u) << run;
+    EXPECT_TRUE(Contains(run.out, "\n8 problems found in " + m_dir + "/Registry.XML\n1 warning\n"))
+        << run;
     EXPECT_TRUE(Contains(run.out, "\nclasses Orphan.Class\\CLSID: ProgID names the class " +
                                       kNeverRegistered + ", which is not registered; to mend: "))
         << run;
@@ -129,6 +131,82 @@ TEST_F(ToolCheck, IdentifiersAreMatchedAsTheRuntimeFindsThem) {
     const std::string json = RunJson({"check"}, 1);
     EXPECT_TRUE(Contains(json, R"("count":1,"problems":[{"kind":"category-key-not-identifier")"))
         << json;
+}
+
+// Registrations that work, but not as written: reported as warnings, which
+// leave the exit status alone.
+TEST_F(ToolCheck, WarnsWhereActivationDiffersFromTheRegistration) {
+    CopyComponent(COMPONENT_testcounter);
+    ASSERT_EQ(chmod(PathOf("libtestcounter.so").c_str(), 0666), 0);
+    const std::string counter = Text(CLSID_Counter), other = "_AAAA0005-0000-4000-8000-000000000005_";
+    WriteFile("Registry.XML",
+              HandMadeRegistry("<CLSID>" + ClassKey(counter, "/opt/app/libtestcounter.so") +
+                               ClassKey(other) + "</CLSID><Test.Counter><CLSID default=\"" +
+                               counter + "\"/></Test.Counter>"));
+    std::string json = RunJson({"check"});
+    EXPECT_TRUE(Contains(json, "\"count\":0,\"problems\":[],\"warningCount\":3,")) << json;
+    const std::string loaded = m_dir + "/libtestcounter.so";
+    for (const std::string& warning :
+         {R"({"kind":"library-directory-ignored","what":"library \"/opt/app/libtestcounter.so\" )"
+          "names a directory, which activation ignores: it loads " + loaded + " instead\"",
+          // One file, however many registrations name it.
+          R"({"kind":"library-refused","what":"activation refuses to load )" + loaded +
+              ": the file is writable by every user\"",
+          R"({"kind":"progid-claimed-twice","what":"ProgID Test.Counter is claimed by 2 classes ()" +
+              counter + ", " + other + "); it names " + counter + "\""}) {
+        EXPECT_TRUE(Contains(json, warning)) << warning << "\n" << json;
+    }
+    const ToolRun run = Run({"check"});
+    EXPECT_EQ(run.exitCode, 0) << run;
+    EXPECT_TRUE(Contains(run.out, "\nwarning: classes Test.Counter: ProgID Test.Counter")) << run;
+    EXPECT_TRUE(Contains(run.out, "no problems found in " + m_dir + "/Registry.XML\n3 warnings\n"))
+        << run;
+
+    // The tool judges the library by activation's own rule, switch included.
+    setenv("VELTCOM_ALLOW_INSECURE_LIBRARIES", "1", 1);
+    json = RunJson({"check"});
+    unsetenv("VELTCOM_ALLOW_INSECURE_LIBRARIES");
+    EXPECT_TRUE(Contains(json, "\"warningCount\":2,")) << json;
+    EXPECT_FALSE(Contains(json, "library-refused")) << json;
+}
+
+const std::string kDamaged = "<?xml version='1.0' encoding='ISO-8859-1' ?>\n<Software><Quor";
+
+TEST_F(ToolCheck, RestorePutsTheBackupInPlaceOfADamagedRegistry) {
+    const std::string backup = HandMadeRegistry("<CLSID/>");
+    WriteFile("Registry.XML", kDamaged);
+    WriteFile("Registry.XML.bak", backup);
+    EXPECT_TRUE(Failed(Run({"check"}), 1, "0x806D0000", m_dir + "/Registry.XML:2:"));
+
+    ToolRun run = Run({"check", "--restore"});
+    EXPECT_EQ(run.exitCode, 0) << run;
+    EXPECT_EQ(run.out, "kept the damaged registry as " + m_dir + "/Registry.XML.damaged\nrestored " +
+                           m_dir + "/Registry.XML from " + m_dir + "/Registry.XML.bak\n");
+    EXPECT_EQ(RegistryFile(), backup);
+    EXPECT_EQ(ReadFile("Registry.XML.damaged"), kDamaged);
+    EXPECT_EQ(ReadFile("Registry.XML.bak"), backup);
+    RunOk({"check"});
+
+    // A readable registry is left as it is.
+    run = Run({"check", "--restore"});
+    EXPECT_EQ(run.exitCode, 1) << run;
+    EXPECT_EQ(run.out, "nothing to restore: " + m_dir + "/Registry.XML is readable\n");
+    EXPECT_EQ(ReadFile("Registry.XML.damaged"), kDamaged);
+}
+
+TEST_F(ToolCheck, RestoreWithoutAReadableBackupChangesNothing) {
+    for (const char* backup : {"", "<Software>"}) {
+        SCOPED_TRACE(*backup ? "damaged backup" : "no backup");
+        WriteFile("Registry.XML", kDamaged);
+        unlink(PathOf("Registry.XML.bak").c_str());
+        if (*backup) WriteFile("Registry.XML.bak", backup);
+        const std::string json = RunJson({"check", "--restore"}, 1);
+        EXPECT_TRUE(Contains(json, "\"restored\":false,\"message\":\"cannot restore " + m_dir +
+                                       "/Registry.XML: there is no readable backup"))
+            << json;
+        EXPECT_EQ(RegistryFile(), kDamaged);
+        EXPECT_TRUE(ReadFile("Registry.XML.damaged").empty());
+    }
 }
 
 }  // namespace

@@ -1,21 +1,32 @@
-// check: what a half-finished or damaged registration leaves behind.
+// check: what a half-finished or damaged registration leaves behind, and
+// registrations that work but not as their authors may think (warnings).
+// check --restore: a damaged registry file replaced by its backup.
 //
 // Identifiers are compared the way the runtime finds them: a value naming a
 // class is parsed and looked up in its written form, while a key named
 // after a category must already be in that form, since lookups compare key
 // names as given.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
+#include <fstream>
 #include <iostream>
+#include <map>
 #include <set>
+#include <sstream>
 
+#include "core/libraryTrust.h"
 #include "toolInternal.h"
 
 namespace {
 
 struct Problem {
+    // A warning describes a registration that works, but not as written.
+    bool warning;
     const char* kind;
     std::string what;
     std::string where;
@@ -65,6 +76,7 @@ public:
         if (!m_root) return m_problems;
         CheckClasses();
         CheckProgIds();
+        CheckSharedProgIds();
         CheckMonikers();
         CheckCategories();
         return m_problems;
@@ -72,7 +84,11 @@ public:
 
 private:
     void Add(const char* kind, std::string what, std::string where, std::string mend) {
-        m_problems.push_back({kind, std::move(what), "classes " + where, std::move(mend)});
+        m_problems.push_back({false, kind, std::move(what), "classes " + where, std::move(mend)});
+    }
+
+    void Warn(const char* kind, std::string what, std::string where, std::string mend) {
+        m_problems.push_back({true, kind, std::move(what), "classes " + where, std::move(mend)});
     }
 
     // Whether activation finds the class that `text` names: built in, or a
@@ -106,25 +122,85 @@ private:
                 Add("class-without-installcount",
                     "InstallCount \"" + *count + "\" is not a count of at least 1", where,
                     reRegister);
-            if (library && !m_builtIn.count(key.name) && reportedLibraries.insert(*library).second)
+            if (!library || m_builtIn.count(key.name)) continue;
+            CheckDirectoryPart(*library, where + "\\InprocServer32");
+            // Registrations that name the same file differently load the same one.
+            if (reportedLibraries.insert(BaseName(*library)).second)
                 CheckLibrary(*library, where + "\\InprocServer32");
         }
     }
 
+    static std::string BaseName(const std::string& library) {
+        const size_t slash = library.rfind('/');
+        return slash == std::string::npos ? library : library.substr(slash + 1);
+    }
+
     // Activation opens a library by its base name in the working directory,
     // whatever directory the registered name gives.
-    void CheckLibrary(const std::string& library, const std::string& where) {
+    void CheckDirectoryPart(const std::string& library, const std::string& where) {
         const size_t slash = library.rfind('/');
-        const std::string base = slash == std::string::npos ? library : library.substr(slash + 1);
+        if (slash == std::string::npos || slash + 1 == library.size()) return;
+        const std::string loaded = WorkingDirectory() + "/" + BaseName(library);
+        Warn("library-directory-ignored",
+             "library \"" + library + "\" names a directory, which activation ignores: it loads " +
+                 loaded + " instead",
+             where,
+             "register the library by its base name (" + BaseName(library) +
+                 ") and run from the directory that holds it");
+    }
+
+    void CheckLibrary(const std::string& library, const std::string& where) {
+        const std::string base = BaseName(library);
+        const std::string opened = "./" + base;
         struct stat info;
-        if (!base.empty() && stat(("./" + base).c_str(), &info) == 0 && !S_ISDIR(info.st_mode))
+        if (!base.empty() && stat(opened.c_str(), &info) == 0 && !S_ISDIR(info.st_mode)) {
+            CheckLibraryTrust(opened, where);
             return;
+        }
         const std::string cwd = WorkingDirectory();
         Add("library-not-found",
             "library \"" + (base.empty() ? library : base) + "\" is not in the working directory " +
                 cwd,
             where,
             "copy the library into " + cwd + ", or run from the directory that holds it");
+    }
+
+    // The same rule activation applies before it opens a library.
+    void CheckLibraryTrust(const std::string& opened, const std::string& where) {
+        const std::string reason = LibraryRefusal(opened.c_str());
+        if (reason.empty()) return;
+        Warn("library-refused",
+             "activation refuses to load " + WorkingDirectory() + "/" + opened.substr(2) + ": " +
+                 reason,
+             where,
+             "make the library and its directory owned by root (or by you) and writable by no "
+             "other user, or set VELTCOM_ALLOW_INSECURE_LIBRARIES=1 to load it anyway");
+    }
+
+    // A ProgID key names one class; any other class claiming the same ProgID
+    // is not found by it.
+    void CheckSharedProgIds() {
+        if (!m_classes) return;
+        std::map<std::string, std::vector<std::string>> claims;
+        for (const RegKey& key : m_classes->keys) {
+            const std::string* progId = key.SubkeyDefault("ProgID");
+            if (progId && !progId->empty()) claims[*progId].push_back(key.name);
+        }
+        for (const auto& claim : claims) {
+            if (claim.second.size() < 2) continue;
+            std::string classes;
+            for (const std::string& id : claim.second)
+                classes += (classes.empty() ? "" : ", ") + id;
+            const std::string* named = m_root->Find(claim.first)
+                                           ? m_root->Find(claim.first)->SubkeyDefault("CLSID")
+                                           : nullptr;
+            Warn("progid-claimed-twice",
+                 "ProgID " + claim.first + " is claimed by " + std::to_string(claim.second.size()) +
+                     " classes (" + classes + "); it names " + (named ? *named : "none of them"),
+                 claim.first,
+                 "unregister the libraries of the classes that should not have it, then register "
+                 "the right one again");
+        }
     }
 
     void CheckProgIds() {
@@ -189,21 +265,115 @@ private:
     std::vector<Problem> m_problems;
 };
 
-}  // namespace
+// Holds the registry's writers' lock, as the runtime's saves do, while the
+// file is replaced. Where the lock file cannot be opened the replacement
+// goes ahead unlocked, as a save would.
+class CWritersLock {
+public:
+    explicit CWritersLock(const std::string& registry) {
+        const std::string path = registry + ".lock";
+        m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (m_fd < 0) m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        while (m_fd >= 0 && flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    ~CWritersLock() {
+        if (m_fd >= 0) close(m_fd);
+    }
 
-int RunCheck(CToolContext& context) {
-    ExpectArgs(context, 0, 0);
-    if (FAILED(EnsureRegistry())) return kExitFailed;
-    const std::vector<Problem> problems = CChecker().Run();
+private:
+    int m_fd;
+};
 
+// Writes `content` to a new file beside `path` and renames it over `path`,
+// so that `path` is at every moment either the old file or the whole new one.
+HRESULT ReplaceFile(const std::string& path, const std::string& content, mode_t mode) {
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(&temporary[0]);
+    if (fd < 0) return SystemErrorCode(errno);
+    bool written = fchmod(fd, mode) == 0;
+    for (size_t done = 0; written && done < content.size();) {
+        const ssize_t n = write(fd, content.data() + done, content.size() - done);
+        written = n > 0 || (n < 0 && errno == EINTR);
+        if (n > 0) done += n;
+    }
+    const int error = written && fsync(fd) == 0 ? 0 : (errno ? errno : EIO);
+    close(fd);
+    if (error == 0 && rename(temporary.c_str(), path.c_str()) == 0) return S_OK;
+    const HRESULT hr = SystemErrorCode(error ? error : errno);
+    unlink(temporary.c_str());
+    return hr;
+}
+
+struct RestoreOutcome {
+    bool restored = false;
+    std::string message;
+};
+
+// Keeps a damaged registry as Registry.XML.damaged and puts a copy of
+// Registry.XML.bak in its place; the backup itself stays.
+RestoreOutcome Restore(const std::string& path) {
+    const std::string backup = path + ".bak", damaged = path + ".damaged";
+    RegKey ignored;
+    struct stat info;
+    const bool present = stat(path.c_str(), &info) == 0;
+    if (present && SUCCEEDED(ReadRegistryFile(path, ignored)))
+        return {false, "nothing to restore: " + path + " is readable"};
+    if (FAILED(ReadRegistryFile(backup, ignored)))
+        return {false, "cannot restore " + path + ": there is no readable backup " + backup};
+    std::ifstream in(backup, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (!in) return {false, "cannot restore " + path + ": " + backup + " cannot be read"};
+
+    CWritersLock lock(path);
+    std::string message;
+    if (present) {
+        // A hard link keeps the damaged file without a moment when the
+        // registry is missing; the rename below then replaces the name only.
+        if (unlink(damaged.c_str()) != 0 && errno != ENOENT)
+            return {false, "cannot restore " + path + ": " + damaged + " cannot be replaced: " +
+                               StatusText(SystemErrorCode(errno))};
+        if (link(path.c_str(), damaged.c_str()) != 0)
+            return {false, "cannot restore " + path + ": the damaged file cannot be kept as " +
+                               damaged + ": " + StatusText(SystemErrorCode(errno))};
+        message = "kept the damaged registry as " + damaged + "\n";
+    }
+    const mode_t mode = present ? info.st_mode & 07777 : 0644;
+    const HRESULT hr = ReplaceFile(path, content.str(), mode);
+    if (FAILED(hr))
+        return {false, message + "cannot restore " + path + ": " + StatusText(hr)};
+    return {true, message + "restored " + path + " from " + backup};
+}
+
+int RunRestore(const CToolContext& context) {
+    const std::string path = RegistryFilePath();
+    const RestoreOutcome outcome = Restore(path);
     if (context.json) {
-        CJsonWriter json(std::cout);
-        json.BeginObject()
-            .Key("registry").String(RegistryFilePath())
-            .Key("workingDirectory").String(WorkingDirectory())
-            .Key("count").Number(static_cast<long long>(problems.size()))
-            .Key("problems").BeginArray();
+        CJsonWriter(std::cout)
+            .BeginObject()
+            .Key("registry").String(path)
+            .Key("restored").Bool(outcome.restored)
+            .Key("message").String(outcome.message)
+            .EndObject();
+    } else {
+        std::cout << outcome.message << "\n";
+    }
+    return outcome.restored ? kExitOk : kExitFailed;
+}
+
+void WriteJson(const std::vector<Problem>& problems, size_t problemCount) {
+    CJsonWriter json(std::cout);
+    json.BeginObject()
+        .Key("registry").String(RegistryFilePath())
+        .Key("workingDirectory").String(WorkingDirectory())
+        .Key("count").Number(static_cast<long long>(problemCount));
+    for (const bool warnings : {false, true}) {
+        if (warnings)
+            json.Key("warningCount").Number(static_cast<long long>(problems.size() - problemCount));
+        json.Key(warnings ? "warnings" : "problems").BeginArray();
         for (const Problem& p : problems) {
+            if (p.warning != warnings) continue;
             json.BeginObject()
                 .Key("kind").String(p.kind)
                 .Key("what").String(p.what)
@@ -211,15 +381,37 @@ int RunCheck(CToolContext& context) {
                 .Key("mend").String(p.mend)
                 .EndObject();
         }
-        json.EndArray().EndObject();
-    } else {
-        for (const Problem& p : problems)
-            std::cout << p.where << ": " << p.what << "; to mend: " << p.mend << "\n";
-        if (problems.empty())
-            std::cout << "no problems found in " << RegistryFilePath() << "\n";
-        else
-            std::cout << problems.size() << (problems.size() == 1 ? " problem" : " problems")
-                      << " found in " << RegistryFilePath() << "\n";
+        json.EndArray();
     }
-    return problems.empty() ? kExitOk : kExitFailed;
+    json.EndObject();
+}
+
+void WriteText(const std::vector<Problem>& problems, size_t problemCount) {
+    for (const Problem& p : problems)
+        std::cout << (p.warning ? "warning: " : "") << p.where << ": " << p.what
+                  << "; to mend: " << p.mend << "\n";
+    if (problemCount == 0)
+        std::cout << "no problems found in " << RegistryFilePath() << "\n";
+    else
+        std::cout << problemCount << (problemCount == 1 ? " problem" : " problems")
+                  << " found in " << RegistryFilePath() << "\n";
+    const size_t warnings = problems.size() - problemCount;
+    if (warnings > 0) std::cout << warnings << (warnings == 1 ? " warning" : " warnings") << "\n";
+}
+
+}  // namespace
+
+int RunCheck(CToolContext& context) {
+    ExpectArgs(context, 0, 0);
+    if (context.flags.count("--restore")) return RunRestore(context);
+    if (FAILED(EnsureRegistry())) return kExitFailed;
+    const std::vector<Problem> problems = CChecker().Run();
+    size_t problemCount = 0;
+    for (const Problem& p : problems) problemCount += p.warning ? 0 : 1;
+    if (context.json)
+        WriteJson(problems, problemCount);
+    else
+        WriteText(problems, problemCount);
+    // Warnings alone do not fail the check: those registrations work.
+    return problemCount == 0 ? kExitOk : kExitFailed;
 }

@@ -151,6 +151,11 @@ struct RegKey {
 // ./Registry.XML.
 std::string RegistryFilePath();
 
+// Reads a registry file as the runtime would, into a key tree. A file that
+// cannot be read or parsed is reported (with line and column where the
+// parser gives them) and its status returned.
+HRESULT ReadRegistryFile(const std::string& path, RegKey& root);
+
 // Makes sure the runtime can open the registry without stopping the process
 // (a malformed file would), then opens it through the runtime, which creates
 // a missing file. Reports any failure itself. Later calls return the first

@@ -233,13 +233,11 @@ CRegistryState& State() {
 
 HRESULT OpenRegistry(CRegistryState& state) {
     const std::string path = RegistryFilePath();
-    std::string content;
     // A missing file is the runtime's to create; anything else there must
     // parse before the runtime sees it, since its parser stops the process.
     const bool existed = FileExists(path);
     if (existed) {
-        HRESULT hr = ReadWholeFile(path, content);
-        if (SUCCEEDED(hr)) hr = LoadSnapshot(path, content, state.snapshot);
+        const HRESULT hr = ReadRegistryFile(path, state.snapshot);
         if (FAILED(hr)) return hr;
     }
     HRESULT hr = state.registry.CreateInstance(COM_CLSID_Registry);
@@ -249,11 +247,16 @@ HRESULT OpenRegistry(CRegistryState& state) {
         return hr;
     }
     if (existed) return S_OK;
-    hr = ReadWholeFile(path, content);
-    return SUCCEEDED(hr) ? LoadSnapshot(path, content, state.snapshot) : hr;
+    return ReadRegistryFile(path, state.snapshot);
 }
 
 }  // namespace
+
+HRESULT ReadRegistryFile(const std::string& path, RegKey& root) {
+    std::string content;
+    const HRESULT hr = ReadWholeFile(path, content);
+    return SUCCEEDED(hr) ? LoadSnapshot(path, content, root) : hr;
+}
 
 const HiveInfo& ParseHive(const std::string& text) {
     for (const HiveInfo& hive : kHives) {

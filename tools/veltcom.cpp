@@ -84,7 +84,7 @@ const Command kCommands[] = {
      "Without CATID lists every component category with its description and its\n"
      "number of classes; with CATID lists the classes of that category.\n",
      nullptr, RunCategories},
-    {"check", "", "look for damaged or half-finished registrations",
+    {"check", "[--restore]", "look for damaged or half-finished registrations",
      "Reports, one line each with where it is and how to mend it:\n"
      "  class keys without InprocServer32, ProgID or InstallCount;\n"
      "  ProgID keys naming classes that are not registered;\n"
@@ -92,8 +92,16 @@ const Command kCommands[] = {
      "  Moniker values naming classes that are not registered;\n"
      "  category members that are not registered classes;\n"
      "  category keys that are not identifiers.\n"
-     "Exits with 1 when it finds any.\n",
-     nullptr, RunCheck},
+     "Exits with 1 when it finds any. It also warns, without failing, about an\n"
+     "InprocServer32 value with a directory part (activation loads the base name\n"
+     "from the working directory), a library activation would refuse to load\n"
+     "because other users could have replaced it, and a ProgID claimed by more\n"
+     "than one class. A registry file that cannot be read is reported with its\n"
+     "line and column.\n"
+     "With --restore, when the registry file cannot be read and Registry.XML.bak\n"
+     "can, keeps the damaged file as Registry.XML.damaged and puts a copy of the\n"
+     "backup in its place. Exits with 1 when it restores nothing.\n",
+     "--restore", RunCheck},
 };
 
 const char kOptionsHelp[] =

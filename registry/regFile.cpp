@@ -110,10 +110,14 @@ void SyncDirectory(const std::string& directory) {
 // The last good document stays at hand as "<file>.bak". Linked under a
 // temporary name first, so that an older backup is replaced in one step.
 // Where the file system has no hard links, there is no backup.
+// A rename between two links of one file does nothing, and leaves the
+// staging link behind: when an interrupted save already made the backup of
+// this very document, for one. So the staging name always goes at the end.
 void KeepBackup(const std::string& target, const std::string& temporary) {
     const std::string staging = temporary + ".bak";
     if (link(target.c_str(), staging.c_str()) != 0) return;
-    if (rename(staging.c_str(), (target + ".bak").c_str()) != 0) unlink(staging.c_str());
+    rename(staging.c_str(), (target + ".bak").c_str());
+    unlink(staging.c_str());
 }
 
 // The replacement keeps the old file's owner where this process may give

@@ -25,14 +25,6 @@ namespace {
 // Every word of a block is 8 bytes; links are stored as addresses.
 uint64_t* Words(void* block) { return static_cast<uint64_t*>(block); }
 
-uint64_t* NextFree(const uint64_t* block) {
-    return reinterpret_cast<uint64_t*>(static_cast<uintptr_t>(block[CVirtualArena::HEADERSIZEUN]));
-}
-
-void SetNextFree(uint64_t* block, const uint64_t* next) {
-    block[CVirtualArena::HEADERSIZEUN] = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(next));
-}
-
 }  // namespace
 
 CVirtualArena::CVirtualArena(COM_IMemory* owner, bool reuse) : m_pOwner(owner), m_bReuse(reuse) {}
@@ -81,20 +73,29 @@ bool CVirtualArena::Commit(const char* top) {
     return true;
 }
 
+void* CVirtualArena::Alloc(unsigned long blockSize) {
+    if (m_bReuse && m_pFreeListHead && NextFree(m_pFreeListHead)) return AllocFromFreeList(blockSize);
+    return Bump(blockSize);
+}
+
+void* CVirtualArena::Bump(unsigned long blockSize) {
+    // Sizes are compared, so a huge request never forms a pointer past the end.
+    if (blockSize > static_cast<unsigned long>(m_pReservedEnd - m_pNext)) return nullptr;
+    char* block = m_pNext;
+    char* top = block + blockSize;
+    if (top > m_pCommittedEnd && !Commit(top)) return nullptr;
+    m_pNext = top;
+    Words(block)[0] = blockSize;
+    return block + HEADERSIZE;
+}
+
+// The first free block did not fit: first fit over the rest, or a bump when
+// none fits.
 void* CVirtualArena::AllocFromFreeList(unsigned long blockSize) {
     void* prev = nullptr;
     FindPtrToFreeBlock(blockSize, prev);
     if (!prev) return Bump(blockSize);
-
-    uint64_t* block = NextFree(Words(prev));
-    // Too small a remainder to hold a free block: the caller gets the slack.
-    if (block[0] - blockSize < TRAILERSIZE + HEADERSIZE + 8) {
-        UnlinkFreeBlock(prev);
-        return block + HEADERSIZEUN;
-    }
-    uint64_t* tail = Words(TakeEndOfFreeBlock(block, blockSize));
-    tail[0] = blockSize;
-    return tail + HEADERSIZEUN;
+    return TakeFreeBlock(Words(prev), NextFree(Words(prev)), blockSize);
 }
 
 unsigned long CVirtualArena::GetCommittedMemory() const {
@@ -116,11 +117,6 @@ void CVirtualArena::GetFreeInfo(unsigned long& freeBytes, unsigned long& overhea
     }
 }
 
-void CVirtualArena::LinkFreeBlock(void* block) {
-    SetNextFree(Words(block), NextFree(m_pFreeListHead));
-    SetNextFree(m_pFreeListHead, Words(block));
-}
-
 void CVirtualArena::FindPtrToFreeBlock(unsigned long blockSize, void*& prev) const {
     prev = nullptr;
     if (!m_pFreeListHead) return;
@@ -130,17 +126,6 @@ void CVirtualArena::FindPtrToFreeBlock(unsigned long blockSize, void*& prev) con
             return;
         }
     }
-}
-
-void CVirtualArena::UnlinkFreeBlock(void* prev) {
-    uint64_t* before = Words(prev);
-    SetNextFree(before, NextFree(NextFree(before)));
-}
-
-void* CVirtualArena::TakeEndOfFreeBlock(void* block, unsigned long blockSize) {
-    uint64_t* words = Words(block);
-    words[0] -= blockSize;
-    return reinterpret_cast<char*>(block) + words[0];
 }
 
 bool CVirtualArena::DecommitAll() {

@@ -61,11 +61,19 @@ void* CVirtualAllocationStrategy::Alloc(unsigned long size) {
     const unsigned long blockSize = ((overhead - 1 + std::max(size, 8UL)) & ~7UL) + 8;
 
     if (!m_arenas.empty()) {
+        if (void* p = m_arenas.front()->AllocQuickly(blockSize)) return p;
+    }
+    return AllocSlowly(blockSize);
+}
+
+// Kept out of line, so that the common case above saves no registers for it.
+// Trying the arenas in turn and moving each failure to the back comes to one
+// rotation by the number of failures; when all fail it is a full turn and the
+// order is unchanged.
+void* CVirtualAllocationStrategy::AllocSlowly(unsigned long blockSize) {
+    if (!m_arenas.empty()) {
         if (void* p = m_arenas.front()->Alloc(blockSize)) return p;
     }
-    // Trying the arenas in turn and moving each failure to the back comes to
-    // one rotation by the number of failures; when all fail it is a full turn
-    // and the order is unchanged.
     for (size_t i = 1; i < m_arenas.size(); ++i) {
         if (void* p = m_arenas[i]->Alloc(blockSize)) {
             std::rotate(m_arenas.begin(), m_arenas.begin() + static_cast<std::ptrdiff_t>(i), m_arenas.end());
@@ -90,6 +98,15 @@ void CVirtualAllocationStrategy::Free(void* p) {
     // A misaligned address is no block's start, and linking it would write a
     // misaligned word.
     if (block % sizeof(uint64_t) != 0) throw std::invalid_argument(g_szMeBlockNotInArena);
+    // Most blocks go back to the arena that serves requests now; asking it
+    // first keeps the walk, and the registers it needs, out of this path.
+    if (!m_arenas.empty() && m_arenas.front()->HoldsBlock(block)) {
+        return m_arenas.front()->LinkFreeBlock(reinterpret_cast<void*>(block));
+    }
+    LinkIntoArenaOf(block);
+}
+
+void CVirtualAllocationStrategy::LinkIntoArenaOf(uintptr_t block) {
     FindArenaOfAddress(block)->LinkFreeBlock(reinterpret_cast<void*>(block));
 }
 

@@ -86,6 +86,8 @@ public:
     // A block of exactly blockSize bytes, header included (a multiple of 8,
     // at least 16); returns the caller's pointer into it, or null.
     void* Alloc(unsigned long blockSize);
+    // Alloc's common cases only; null where Alloc would have more to do.
+    void* AllocQuickly(unsigned long blockSize);
     unsigned long GetCommittedMemory() const;
     unsigned long GetAvailableMemory() const;
     // Adds to the values given; does not clear them.
@@ -112,7 +114,15 @@ public:
 private:
     static constexpr uint32_t kSentinelWords = 17;
 
+    static uint64_t* NextFree(const uint64_t* block) {
+        return reinterpret_cast<uint64_t*>(static_cast<uintptr_t>(block[HEADERSIZEUN]));
+    }
+    static void SetNextFree(uint64_t* block, const uint64_t* next) {
+        block[HEADERSIZEUN] = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(next));
+    }
+
     void* AllocFromFreeList(unsigned long blockSize);
+    void* TakeFreeBlock(uint64_t* prev, uint64_t* block, unsigned long blockSize);
     void* Bump(unsigned long blockSize);
     bool Commit(const char* top);
     void ClearFreeList();
@@ -130,22 +140,48 @@ private:
     uint64_t m_rgSentinel[kSentinelWords] = {};
 };
 
-// The common case is a bump of one pointer; the free list and the committed
-// mark take the out-of-line path.
-inline void* CVirtualArena::Alloc(unsigned long blockSize) {
-    if (m_bReuse && m_pFreeListHead && m_pFreeListHead[HEADERSIZEUN] != 0) return AllocFromFreeList(blockSize);
-    return Bump(blockSize);
-}
-
-inline void* CVirtualArena::Bump(unsigned long blockSize) {
-    // Sizes are compared, so a huge request never forms a pointer past the end.
-    if (blockSize > static_cast<unsigned long>(m_pReservedEnd - m_pNext)) return nullptr;
+// The common cases, without a call: with reuse the newest free block when it
+// fits (first fit: it is the fit whenever it is large enough), else a bump
+// below the committed mark. Null when neither applies; Alloc then decides.
+inline void* CVirtualArena::AllocQuickly(unsigned long blockSize) {
+    if (m_bReuse && m_pFreeListHead) {
+        uint64_t* first = NextFree(m_pFreeListHead);
+        if (first) return first[0] >= blockSize ? TakeFreeBlock(m_pFreeListHead, first, blockSize) : nullptr;
+    }
+    if (blockSize > static_cast<unsigned long>(m_pCommittedEnd - m_pNext)) return nullptr;
     char* block = m_pNext;
-    char* top = block + blockSize;
-    if (top > m_pCommittedEnd && !Commit(top)) return nullptr;
-    m_pNext = top;
+    m_pNext += blockSize;
     reinterpret_cast<uint64_t*>(block)[0] = blockSize;
     return block + HEADERSIZE;
+}
+
+// block is the free block after prev.
+inline void* CVirtualArena::TakeFreeBlock(uint64_t* prev, uint64_t* block, unsigned long blockSize) {
+    // Too small a remainder to hold a free block: the caller gets the slack.
+    if (block[0] - blockSize < TRAILERSIZE + HEADERSIZE + 8) {
+        UnlinkFreeBlock(prev);
+        return block + HEADERSIZEUN;
+    }
+    uint64_t* tail = static_cast<uint64_t*>(TakeEndOfFreeBlock(block, blockSize));
+    tail[0] = blockSize;
+    return tail + HEADERSIZEUN;
+}
+
+inline void CVirtualArena::LinkFreeBlock(void* block) {
+    uint64_t* words = static_cast<uint64_t*>(block);
+    SetNextFree(words, NextFree(m_pFreeListHead));
+    SetNextFree(m_pFreeListHead, words);
+}
+
+inline void CVirtualArena::UnlinkFreeBlock(void* prev) {
+    uint64_t* before = static_cast<uint64_t*>(prev);
+    SetNextFree(before, NextFree(NextFree(before)));
+}
+
+inline void* CVirtualArena::TakeEndOfFreeBlock(void* block, unsigned long blockSize) {
+    uint64_t* words = static_cast<uint64_t*>(block);
+    words[0] -= blockSize;
+    return static_cast<char*>(block) + words[0];
 }
 
 // Arenas of reserved address space, tried front to back: failing arenas rotate
@@ -180,7 +216,9 @@ public:
 
 private:
     CVirtualArena* FindArenaOfAddress(uintptr_t block);
+    [[gnu::noinline]] void LinkIntoArenaOf(uintptr_t block);
     void DestroyAllArenas();
+    [[gnu::noinline]] void* AllocSlowly(unsigned long blockSize);
     void* AllocInNewArena(unsigned long blockSize);
 
     bool m_bReuse;

@@ -54,9 +54,11 @@ wchar_t* CComPlatformUtils::COM_SysAllocStringLen(const wchar_t* text, unsigned 
     unsigned char* payload = AllocBlock(bytes, bytes);
     if (!payload) return nullptr;
     wchar_t* s = reinterpret_cast<wchar_t*>(payload);
-    if (text) std::memcpy(s, text, bytes);
+    // The terminator goes first, so that the copy is the last step and
+    // nothing has to outlive it.
     s[count] = L'\0';
-    return s;
+    if (!text) return s;
+    return static_cast<wchar_t*>(std::memcpy(s, text, bytes));
 }
 
 wchar_t* CComPlatformUtils::COM_SysAllocStringByteLen(const unsigned char* bytes,

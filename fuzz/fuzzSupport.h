@@ -14,14 +14,14 @@
 #include <veltcom.h>
 
 // A broken invariant is a finding like a crash: libFuzzer keeps the input.
-#define FUZZ_CHECK(condition, ...)                                              \
-    do {                                                                        \
-        if (!(condition)) {                                                     \
-            std::fprintf(stderr, "invariant broken: %s: ", #condition);         \
-            std::fprintf(stderr, __VA_ARGS__);                                  \
-            std::fputc('\n', stderr);                                           \
-            std::abort();                                                       \
-        }                                                                       \
+#define FUZZ_CHECK(condition, ...)                                      \
+    do {                                                                \
+        if (!(condition)) {                                             \
+            std::fprintf(stderr, "invariant broken: %s: ", #condition); \
+            std::fprintf(stderr, __VA_ARGS__);                          \
+            std::fputc('\n', stderr);                                   \
+            std::abort();                                               \
+        }                                                               \
     } while (0)
 
 // Text for a message: ASCII as it is, any other character as its code.

@@ -27,7 +27,8 @@ std::wstring WriteAndReadBack(const COM_GUID& id) {
     COM_SysFreeString(text);
     FUZZ_CHECK(written == ExpectedText(id), "written as %s", Printable(written).c_str());
     COM_GUID back = {};
-    FUZZ_CHECK(COM_StringToCLSID(written.c_str(), &back) == S_OK, "%s not read", Printable(written).c_str());
+    FUZZ_CHECK(COM_StringToCLSID(written.c_str(), &back) == S_OK, "%s not read",
+               Printable(written).c_str());
     FUZZ_CHECK(SameId(back, id), "%s read back differently", Printable(written).c_str());
     return written;
 }

@@ -94,7 +94,8 @@ public:
 
     // Standard blocks must go back to the heap before the strategy is replaced.
     void FreeAll() {
-        while (!m_live.empty()) Free(0);
+        while (!m_live.empty())
+            Free(0);
     }
 
 private:
@@ -112,7 +113,8 @@ private:
 
     void CheckContent(const std::pair<unsigned char* const, Block>& block) const {
         for (size_t i = 0; i < block.second.size; ++i)
-            FUZZ_CHECK(block.first[i] == block.second.fill, "block %p changed at %zu", block.first, i);
+            FUZZ_CHECK(block.first[i] == block.second.fill, "block %p changed at %zu", block.first,
+                       i);
     }
 
     COM_IMemory* m_memory;
@@ -133,9 +135,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     MemoryPtr memory;
     FUZZ_CHECK(memory.CreateInstance(COM_CLSID_Memory) == S_OK, "no memory object");
-    FUZZ_CHECK(memory->SetStrategy(strategy, buffer.empty() ? nullptr : buffer.data(), bufferSize) ==
-                   S_OK,
-               "strategy %d not set", strategy);
+    FUZZ_CHECK(
+        memory->SetStrategy(strategy, buffer.empty() ? nullptr : buffer.data(), bufferSize) == S_OK,
+        "strategy %d not set", strategy);
     CRun run(memory, strategy, bufferSize);
     while (in.remaining_bytes() > 0) {
         const int op = in.ConsumeIntegralInRange(0, 9);

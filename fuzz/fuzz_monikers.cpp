@@ -79,20 +79,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     std::wstring name = WideText(in, 64);
     const size_t colon = name.find(L':');
-    const bool known = colon != std::wstring::npos && EscapedName(name.substr(0, colon)) == u"hresult";
+    const bool known =
+        colon != std::wstring::npos && EscapedName(name.substr(0, colon)) == u"hresult";
 
     unsigned long eaten = 0xdeadbeef;
     COM_IMoniker* moniker = reinterpret_cast<COM_IMoniker*>(0xdeadbeef);
     const HRESULT hr = COM_MkParseName(&name[0], &eaten, &moniker);
     if (!known) {
-        FUZZ_CHECK(hr == CLASS_E_CLASSNOTAVAILABLE, "%s parsed with 0x%08X", Printable(name).c_str(),
-                   static_cast<unsigned>(hr));
+        FUZZ_CHECK(hr == CLASS_E_CLASSNOTAVAILABLE, "%s parsed with 0x%08X",
+                   Printable(name).c_str(), static_cast<unsigned>(hr));
         FUZZ_CHECK(eaten == 0xdeadbeef && moniker == reinterpret_cast<COM_IMoniker*>(0xdeadbeef),
                    "a failed parse wrote its outputs");
     } else {
         FUZZ_CHECK(hr == S_OK && moniker, "%s parsed with 0x%08X", Printable(name).c_str(),
                    static_cast<unsigned>(hr));
-        FUZZ_CHECK(eaten == colon + 1, "%lu characters eaten of %s", eaten, Printable(name).c_str());
+        FUZZ_CHECK(eaten == colon + 1, "%lu characters eaten of %s", eaten,
+                   Printable(name).c_str());
         CheckBinding(moniker, name.substr(eaten));
         moniker->Release();
     }

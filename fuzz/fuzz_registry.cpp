@@ -70,7 +70,8 @@ public:
         full.insert(full.end(), path.begin(), path.end());
         for (const std::u16string& name : full) {
             const DOMElement* child = key ? key->getFirstElementChild() : nullptr;
-            while (child && U16(child->getTagName()) != name) child = child->getNextElementSibling();
+            while (child && U16(child->getTagName()) != name)
+                child = child->getNextElementSibling();
             key = child;
         }
         return key;
@@ -127,14 +128,30 @@ public:
 
     void Step(FuzzedDataProvider& in) {
         switch (in.ConsumeIntegralInRange(0, 7)) {
-        case 0: CreateKey(KeyPath(in), in.ConsumeBool()); break;
-        case 1: OpenKey(KeyPath(in)); break;
-        case 2: DeleteKey(KeyPath(in)); break;
-        case 3: SetString(Name(in), WideText(in, 24)); break;
-        case 4: SetNumber(Name(in), in.ConsumeIntegral<unsigned>()); break;
-        case 5: DeleteValue(Name(in)); break;
-        case 6: Enumerate(); break;
-        default: GoUp(); break;
+        case 0:
+            CreateKey(KeyPath(in), in.ConsumeBool());
+            break;
+        case 1:
+            OpenKey(KeyPath(in));
+            break;
+        case 2:
+            DeleteKey(KeyPath(in));
+            break;
+        case 3:
+            SetString(Name(in), WideText(in, 24));
+            break;
+        case 4:
+            SetNumber(Name(in), in.ConsumeIntegral<unsigned>());
+            break;
+        case 5:
+            DeleteValue(Name(in));
+            break;
+        case 6:
+            Enumerate();
+            break;
+        default:
+            GoUp();
+            break;
         }
     }
 
@@ -149,20 +166,23 @@ private:
 
     static std::wstring KeyPath(FuzzedDataProvider& in) {
         std::wstring path = Name(in);
-        for (int more = in.ConsumeIntegralInRange(0, 2); more > 0; --more) path += L"\\" + Name(in);
+        for (int more = in.ConsumeIntegralInRange(0, 2); more > 0; --more)
+            path += L"\\" + Name(in);
         return path;
     }
 
     Path Below(const std::wstring& path) const {
         Path full = m_path;
-        for (const std::u16string& piece : Pieces(path)) full.push_back(piece);
+        for (const std::u16string& piece : Pieces(path))
+            full.push_back(piece);
         return full;
     }
 
     void CreateKey(const std::wstring& path, bool open) {
         if (m_registry->CreateKey(path.c_str(), open ? 1 : 0) != S_OK) return;
         const Path created = Below(path);
-        FUZZ_CHECK(CFreshLoad().Key(created), "created key %s is not in the file", Printable(path).c_str());
+        FUZZ_CHECK(CFreshLoad().Key(created), "created key %s is not in the file",
+                   Printable(path).c_str());
         if (open) m_path = created;
     }
 
@@ -172,7 +192,8 @@ private:
 
     void DeleteKey(const std::wstring& path) {
         if (m_registry->DeleteKey(path.c_str()) != S_OK) return;
-        FUZZ_CHECK(!CFreshLoad().Key(Below(path)), "deleted key %s is in the file", Printable(path).c_str());
+        FUZZ_CHECK(!CFreshLoad().Key(Below(path)), "deleted key %s is in the file",
+                   Printable(path).c_str());
         FUZZ_CHECK(m_registry->OpenKey(path.c_str()) == REGDB_E_KEYMISSING,
                    "deleted key %s still opens", Printable(path).c_str());
     }
@@ -213,8 +234,8 @@ private:
         FUZZ_CHECK(CFreshLoad().Value(m_path, EscapedName(name), fileType, fileData),
                    "value %s is not in the file", Printable(name).c_str());
         FUZZ_CHECK(fileType == type && fileData == data, "value %s is %s %s in the file, not %s",
-                   Printable(name).c_str(), Printable(fileType).c_str(), Printable(fileData).c_str(),
-                   Printable(data).c_str());
+                   Printable(name).c_str(), Printable(fileType).c_str(),
+                   Printable(fileData).c_str(), Printable(data).c_str());
     }
 
     // Every name enumerated can be read or opened. Slots left empty come out
@@ -237,7 +258,8 @@ private:
 
     std::vector<std::wstring> Names(bool keys) {
         EnumPtr names;
-        const HRESULT hr = keys ? m_registry->EnumKeys(names.Out()) : m_registry->EnumValues(names.Out());
+        const HRESULT hr =
+            keys ? m_registry->EnumKeys(names.Out()) : m_registry->EnumValues(names.Out());
         FUZZ_CHECK(hr == S_OK, "enumeration gave 0x%08X", static_cast<unsigned>(hr));
         std::vector<std::wstring> out;
         wchar_t* name = nullptr;
@@ -257,8 +279,10 @@ private:
     // Opens the current key again by its full path from the hive root.
     void Reopen() {
         std::wstring path = kScratch;
-        for (const std::u16string& piece : m_path) path += L"\\" + std::wstring(piece.begin(), piece.end());
-        FUZZ_CHECK(m_registry->Open(4, path.c_str()) == S_OK, "the current key does not open again");
+        for (const std::u16string& piece : m_path)
+            path += L"\\" + std::wstring(piece.begin(), piece.end());
+        FUZZ_CHECK(m_registry->Open(4, path.c_str()) == S_OK,
+                   "the current key does not open again");
     }
 
     RegistryPtr m_registry;
@@ -276,6 +300,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     CSession session;
-    for (int steps = 0; steps < 24 && in.remaining_bytes() > 0; ++steps) session.Step(in);
+    for (int steps = 0; steps < 24 && in.remaining_bytes() > 0; ++steps)
+        session.Step(in);
     return 0;
 }

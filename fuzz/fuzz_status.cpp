@@ -28,7 +28,8 @@ std::wstring SystemText(int number) {
 }
 
 bool EndsWith(const std::wstring& text, const std::wstring& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 }  // namespace
@@ -65,8 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     COM_SysFreeString(text);
     FUZZ_CHECK(decoded.size() == std::wcslen(decoded.c_str()), "text holds a zero character");
     if (facility == 98) {
-        FUZZ_CHECK(result == S_OK && decoded == SystemText(hr & 0xFFFF),
-                   "0x%08X decoded as %s", static_cast<unsigned>(hr), Printable(decoded).c_str());
+        FUZZ_CHECK(result == S_OK && decoded == SystemText(hr & 0xFFFF), "0x%08X decoded as %s",
+                   static_cast<unsigned>(hr), Printable(decoded).c_str());
     } else {
         FUZZ_CHECK(result == S_FALSE && decoded == expansion, "0x%08X decoded as %s",
                    static_cast<unsigned>(hr), Printable(decoded).c_str());

@@ -138,7 +138,8 @@ TEST_F(ToolCheck, IdentifiersAreMatchedAsTheRuntimeFindsThem) {
 TEST_F(ToolCheck, WarnsWhereActivationDiffersFromTheRegistration) {
     CopyComponent(COMPONENT_testcounter);
     ASSERT_EQ(chmod(PathOf("libtestcounter.so").c_str(), 0666), 0);
-    const std::string counter = Text(CLSID_Counter), other = "_AAAA0005-0000-4000-8000-000000000005_";
+    const std::string counter = Text(CLSID_Counter);
+    const std::string other = "_AAAA0005-0000-4000-8000-000000000005_";
     WriteFile("Registry.XML",
               HandMadeRegistry("<CLSID>" + ClassKey(counter, "/opt/app/libtestcounter.so") +
                                ClassKey(other) + "</CLSID><Test.Counter><CLSID default=\"" +
@@ -152,8 +153,8 @@ TEST_F(ToolCheck, WarnsWhereActivationDiffersFromTheRegistration) {
           // One file, however many registrations name it.
           R"({"kind":"library-refused","what":"activation refuses to load )" + loaded +
               ": the file is writable by every user\"",
-          R"({"kind":"progid-claimed-twice","what":"ProgID Test.Counter is claimed by 2 classes ()" +
-              counter + ", " + other + "); it names " + counter + "\""}) {
+          R"({"kind":"progid-claimed-twice","what":"ProgID Test.Counter is claimed by )"
+          "2 classes (" + counter + ", " + other + "); it names " + counter + "\""}) {
         EXPECT_TRUE(Contains(json, warning)) << warning << "\n" << json;
     }
     const ToolRun run = Run({"check"});
@@ -180,8 +181,8 @@ TEST_F(ToolCheck, RestorePutsTheBackupInPlaceOfADamagedRegistry) {
 
     ToolRun run = Run({"check", "--restore"});
     EXPECT_EQ(run.exitCode, 0) << run;
-    EXPECT_EQ(run.out, "kept the damaged registry as " + m_dir + "/Registry.XML.damaged\nrestored " +
-                           m_dir + "/Registry.XML from " + m_dir + "/Registry.XML.bak\n");
+    EXPECT_EQ(run.out, "kept the damaged registry as " + m_dir + "/Registry.XML.damaged\n"
+                       "restored " + m_dir + "/Registry.XML from " + m_dir + "/Registry.XML.bak\n");
     EXPECT_EQ(RegistryFile(), backup);
     EXPECT_EQ(ReadFile("Registry.XML.damaged"), kDamaged);
     EXPECT_EQ(ReadFile("Registry.XML.bak"), backup);

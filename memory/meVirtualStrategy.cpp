@@ -35,6 +35,7 @@ bool CVirtualAllocationStrategy::CreateArena(void* address, unsigned long size, 
         std::unique_ptr<CVirtualArena> arena(new CVirtualArena(m_pOwner, reuse));
         if (!arena->Initialize(address, size)) return false;
         m_arenas.push_front(arena.get());
+        m_pFront = m_arenas.front();
         arena.release();
         return true;
     } catch (const std::bad_alloc&) {
@@ -47,6 +48,7 @@ void CVirtualAllocationStrategy::DestroyCurrentArena() {
     if (m_arenas.empty()) return;
     delete m_arenas.front();
     m_arenas.pop_front();
+    m_pFront = m_arenas.empty() ? nullptr : m_arenas.front();
 }
 
 void CVirtualAllocationStrategy::DestroyAllArenas() {
@@ -60,8 +62,8 @@ void* CVirtualAllocationStrategy::Alloc(unsigned long size) {
     if (size > ME_SIZE_TYPE_MAXPOS() - overhead - 8) return nullptr;
     const unsigned long blockSize = ((overhead - 1 + std::max(size, 8UL)) & ~7UL) + 8;
 
-    if (!m_arenas.empty()) {
-        if (void* p = m_arenas.front()->AllocQuickly(blockSize)) return p;
+    if (m_pFront) {
+        if (void* p = m_pFront->AllocQuickly(blockSize)) return p;
     }
     return AllocSlowly(blockSize);
 }
@@ -77,6 +79,7 @@ void* CVirtualAllocationStrategy::AllocSlowly(unsigned long blockSize) {
     for (size_t i = 1; i < m_arenas.size(); ++i) {
         if (void* p = m_arenas[i]->Alloc(blockSize)) {
             std::rotate(m_arenas.begin(), m_arenas.begin() + static_cast<std::ptrdiff_t>(i), m_arenas.end());
+            m_pFront = m_arenas.front();
             return p;
         }
     }
@@ -100,8 +103,8 @@ void CVirtualAllocationStrategy::Free(void* p) {
     if (block % sizeof(uint64_t) != 0) throw std::invalid_argument(g_szMeBlockNotInArena);
     // Most blocks go back to the arena that serves requests now; asking it
     // first keeps the walk, and the registers it needs, out of this path.
-    if (!m_arenas.empty() && m_arenas.front()->HoldsBlock(block)) {
-        return m_arenas.front()->LinkFreeBlock(reinterpret_cast<void*>(block));
+    if (m_pFront && m_pFront->HoldsBlock(block)) {
+        return m_pFront->LinkFreeBlock(reinterpret_cast<void*>(block));
     }
     LinkIntoArenaOf(block);
 }

@@ -223,6 +223,9 @@ private:
 
     bool m_bReuse;
     std::deque<CVirtualArena*> m_arenas;
+    // The queue's front, or null: kept beside it for the common cases of
+    // Alloc and Free, which then need no look into the queue.
+    CVirtualArena* m_pFront = nullptr;
     unsigned long m_cbArena;
     COM_IMemory* m_pOwner;
 };

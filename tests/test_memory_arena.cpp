@@ -164,6 +164,28 @@ TEST(VirtualArena, ResetAndDestructionUnmapEveryArena) {
     EXPECT_FALSE(IsMapped(fresh));
 }
 
+// Alloc and Free serve the arena in front without looking into the queue, so
+// whatever changes the front must be seen by the next call.
+TEST(VirtualArena, DestroyingTheCurrentArenaHandsItsPlaceToTheNextOne) {
+    Strategy strategy(nullptr, kPage, true, nullptr);
+    char* older = At(strategy.Alloc(kPage - 8));  // fills the first arena
+    char* newer = At(strategy.Alloc(8));          // so a second is mapped in front
+    ASSERT_EQ(strategy.Arenas().size(), 2u);
+
+    strategy.DestroyCurrentArena();
+    ASSERT_EQ(strategy.Arenas().size(), 1u);
+    EXPECT_EQ(FreeFailure(strategy, newer), g_szMeBlockNotInArena);
+    strategy.Free(older);                          // the survivor takes its block back
+    EXPECT_EQ(strategy.Alloc(kPage - 8), older);  // and serves it first
+    EXPECT_EQ(strategy.Arenas().size(), 1u);
+
+    strategy.DestroyCurrentArena();
+    EXPECT_EQ(FreeFailure(strategy, older), g_szMeBlockNotInArena);
+    char* fresh = At(strategy.Alloc(8));  // no arena left: a new one is mapped
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_TRUE(strategy.Arenas().front()->HoldsBlock(reinterpret_cast<uintptr_t>(fresh - 8)));
+}
+
 TEST(VirtualArena, FirstArenaIsMappedAtTheCallersAddressHint) {
     void* hole = mmap(nullptr, 4 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(hole, MAP_FAILED);

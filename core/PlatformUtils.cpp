@@ -20,6 +20,9 @@ const size_t kPrefixSize = sizeof(uint64_t);
 // that is refused rather than allocated at a wrong size.
 const unsigned long kMaxBlock = INT32_MAX;
 
+// Prefix and terminator.
+const unsigned long kOverhead = kPrefixSize + sizeof(wchar_t);
+
 unsigned char* BlockOf(const wchar_t* s) {
     return reinterpret_cast<unsigned char*>(const_cast<wchar_t*>(s)) - kPrefixSize;
 }
@@ -33,9 +36,8 @@ uint64_t PrefixOf(const wchar_t* s) {
 // Allocates prefix + payload + terminator, stores `byteLength` in the prefix
 // and returns the payload; null when the block is too large or malloc fails.
 unsigned char* AllocBlock(unsigned long payload, uint64_t byteLength) {
-    const unsigned long overhead = kPrefixSize + sizeof(wchar_t);
-    if (payload > kMaxBlock - overhead) return nullptr;
-    unsigned char* block = static_cast<unsigned char*>(std::malloc(payload + overhead));
+    if (payload > kMaxBlock - kOverhead) return nullptr;
+    unsigned char* block = static_cast<unsigned char*>(std::malloc(payload + kOverhead));
     if (!block) return nullptr;
     std::memcpy(block, &byteLength, kPrefixSize);
     return block + kPrefixSize;
@@ -49,7 +51,8 @@ wchar_t* CComPlatformUtils::COM_SysAllocString(const wchar_t* text) {
 }
 
 wchar_t* CComPlatformUtils::COM_SysAllocStringLen(const wchar_t* text, unsigned long count) {
-    if (count > kMaxBlock / sizeof(wchar_t)) return nullptr;
+    // One test for every count whose block does not fit.
+    if (count > (kMaxBlock - kOverhead) / sizeof(wchar_t)) return nullptr;
     const unsigned long bytes = count * sizeof(wchar_t);
     unsigned char* payload = AllocBlock(bytes, bytes);
     if (!payload) return nullptr;

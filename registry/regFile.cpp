@@ -252,7 +252,11 @@ HRESULT CRegistryFile::WriteInPlace(const std::string& target, const std::string
     const int fd = open(target.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) return REGDB_E_WRITEREGDB;
     struct stat before;
-    if (fstat(fd, &before) != 0 || posix_fallocate(fd, 0, static_cast<off_t>(bytes.size())) != 0) {
+    if (fstat(fd, &before) != 0) {
+        close(fd);
+        return REGDB_E_WRITEREGDB;
+    }
+    if (posix_fallocate(fd, 0, static_cast<off_t>(bytes.size())) != 0) {
         // A reservation that failed half way may have grown the file.
         if (ftruncate(fd, before.st_size) != 0) {
             // The content itself was never touched.

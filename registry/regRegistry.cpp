@@ -19,6 +19,7 @@
 #include "core/coreInternal.h"
 #include "unix/regIndex.h"
 #include "unix/regErrorHandler.h"
+#include "unix/regParser.h"
 
 using xercesc::DOMNode;
 
@@ -193,7 +194,7 @@ HRESULT CXMLRegistry::Reload() {
 HRESULT CXMLRegistry::Parse(const std::string& content) {
     try {
         utlAutoPtr<xercesc::ErrorHandler> handler(new DOMErrorHandler(m_strFilePath));
-        utlAutoPtr<xercesc::XercesDOMParser> parser(new xercesc::XercesDOMParser);
+        utlAutoPtr<xercesc::XercesDOMParser> parser(new CRegistryParser);
         parser->setErrorHandler(handler.Get());
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(content.data()),
                                           content.size(), "REGISTRY", false);

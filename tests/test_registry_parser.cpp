@@ -1,0 +1,155 @@
+// The registry's parser builds, for every document, the very document that
+// xerces' own DOM parser builds, and that document takes edits as well.
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <xercesc/dom/DOM.hpp>
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/sax/HandlerBase.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+
+#include "unix/regHelper.h"
+#include "unix/regParser.h"
+
+using namespace xercesc;
+
+namespace {
+
+class ParserTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { XMLPlatformUtils::Initialize(); }
+    static void TearDownTestSuite() { XMLPlatformUtils::Terminate(); }
+};
+
+std::string Narrow(const XMLCh* text) {
+    std::string out;
+    for (; text && *text; ++text) out += *text < 0x80 ? static_cast<char>(*text) : '?';
+    return out;
+}
+
+// Everything a document says, with every link checked from both ends.
+void Describe(const DOMNode* node, std::string& out) {
+    out += std::to_string(node->getNodeType()) + "<" + Narrow(node->getNodeName()) + ">";
+    if (node->getNodeValue()) out += "=" + Narrow(node->getNodeValue());
+    if (const DOMNamedNodeMap* attributes = node->getAttributes()) {
+        for (XMLSize_t i = 0; i < attributes->getLength(); ++i) {
+            const DOMAttr* attribute = static_cast<const DOMAttr*>(attributes->item(i));
+            out += attribute->getSpecified() ? " @" : " default@";
+            EXPECT_EQ(attribute->getOwnerElement(), node);
+            Describe(attribute, out);
+        }
+    }
+    out += "(";
+    const DOMNode* previous = nullptr;
+    for (const DOMNode* child = node->getFirstChild(); child; child = child->getNextSibling()) {
+        EXPECT_EQ(child->getParentNode(), node);
+        EXPECT_EQ(child->getPreviousSibling(), previous);
+        EXPECT_EQ(child->getOwnerDocument(), node->getNodeType() == DOMNode::DOCUMENT_NODE
+                                                 ? node
+                                                 : node->getOwnerDocument());
+        Describe(child, out);
+        previous = child;
+    }
+    EXPECT_EQ(node->getLastChild(), previous);
+    out += ")";
+}
+
+struct CParsed {
+    std::string description;
+    bool failed = false;
+};
+
+CParsed Parse(XercesDOMParser& parser, const std::string& text) {
+    HandlerBase throwing;
+    parser.setErrorHandler(&throwing);
+    MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()), text.size(), "test", false);
+    CParsed parsed;
+    try {
+        parser.parse(source);
+    } catch (const SAXParseException&) {
+        parsed.failed = true;
+    }
+    if (parser.getDocument()) Describe(parser.getDocument(), parsed.description);
+    return parsed;
+}
+
+void ExpectSameDocument(const std::string& text) {
+    XercesDOMParser reference;
+    CRegistryParser ours;
+    const CParsed expected = Parse(reference, text);
+    const CParsed actual = Parse(ours, text);
+    EXPECT_EQ(actual.failed, expected.failed) << text;
+    EXPECT_EQ(actual.description, expected.description) << text;
+}
+
+std::string Serialized(const DOMNode* node) {
+    std::ostringstream out;
+    out << node;
+    return out.str();
+}
+
+}  // namespace
+
+TEST_F(ParserTest, BuildsWhatXercesBuildsForEveryKindOfDocument) {
+    const char* const documents[] = {
+        // As the registry writes it.
+        "<?xml version='1.0' encoding='ISO-8859-1' ?>\n<Software><Quorvane><Version><Classes><CLSID>"
+        "<_0-1_ default = \"A\"><InprocServer32 default = \"liba.so\"/><ProgID default = \"A.1\"/>"
+        "</_0-1_></CLSID><A.1><CLSID default = \"_0-1_\"/></A.1></Classes></Version></Quorvane></Software>",
+        // Hand-edited: blanks, comments, instructions, sections, references.
+        "<a>\n  <b x='1' y=\"&lt;&#9;&#xe9;\" z=''/>\n  <!-- note --><?tool go?>"
+        "<![CDATA[<raw>]]>t&amp;u<c><d/><d/>text</c>\n</a>",
+        "<a b='1' c='2' a='3' B='4'><a b='1'/><a/></a>",
+        "<r>\xe9\xff</r>",
+        // With a document type: default attributes, entities, an external subset.
+        "<!DOCTYPE a [<!ENTITY e 'x<b k=\"v\"/>y'><!ATTLIST b d CDATA 'def' id ID #IMPLIED>]>"
+        "<a><b id='i1'/>&e;<c/></a>",
+        "<!DOCTYPE a SYSTEM 'missing.dtd'><a/>",
+        // Malformed, from the first byte and midway: the same error and partial document.
+        "",
+        "<a><b></a>",
+        "<a x='1' x='2'/>",
+        "<a>&undefined;</a>",
+        "<a/><b/>",
+    };
+    for (const char* document : documents) ExpectSameDocument(document);
+}
+
+TEST_F(ParserTest, KeepsEveryElementsOwnNameAmongManyNames) {
+    std::string document = "<root>";
+    for (int i = 0; i < 3000; ++i) {
+        const std::string name = "_" + std::to_string(i % 1700) + "-N";
+        document += "<" + name + " default = \"" + std::to_string(i) + "\"><Same/></" + name + ">";
+    }
+    document += "</root>";
+    ExpectSameDocument(document);
+}
+
+// Edits go through the document's own methods, which find the links the
+// parser made: removing, inserting and freeing must leave a document equal
+// to the one xerces' own parser would have given after the same edits.
+TEST_F(ParserTest, DirectlyBuiltDocumentTakesEdits) {
+    const std::string text = "<a><b k='1'/><c k='2'><d/></c><e/>tail</a>";
+    std::string expected, actual;
+    for (int own = 0; own < 2; ++own) {
+        XercesDOMParser reference;
+        CRegistryParser ours;
+        XercesDOMParser& parser = own ? ours : reference;
+        ASSERT_FALSE(Parse(parser, text).failed);
+        DOMDocument* document = parser.getDocument();
+        DOMElement* root = document->getDocumentElement();
+        DOMNode* c = root->getFirstChild()->getNextSibling();
+        root->removeChild(c)->release();
+        root->insertBefore(document->createElement(u"f"), root->getFirstChild());
+        root->appendChild(document->createElement(u"g"));
+        DOMElement* b = static_cast<DOMElement*>(root->getFirstChild()->getNextSibling());
+        b->removeAttribute(u"k");
+        b->setAttribute(u"m", u"n");
+        root->removeChild(root->getLastChild()->getPreviousSibling())->release();
+        std::string& out = own ? actual : expected;
+        Describe(document, out);
+        out += Serialized(document);
+    }
+    EXPECT_EQ(actual, expected);
+}

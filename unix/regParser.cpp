@@ -1,0 +1,148 @@
+// The registry's document parser.
+#include "regParser.h"
+
+#include <xercesc/dom/DOMException.hpp>
+#include <xercesc/dom/DOMText.hpp>
+#include <xercesc/dom/impl/DOMAttrImpl.hpp>
+#include <xercesc/dom/impl/DOMAttrMapImpl.hpp>
+#include <xercesc/dom/impl/DOMDocumentImpl.hpp>
+#include <xercesc/dom/impl/DOMElementImpl.hpp>
+#include <xercesc/dom/impl/DOMNodeBase.hpp>
+#include <xercesc/framework/XMLAttr.hpp>
+#include <xercesc/internal/XMLScanner.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+
+using namespace xercesc;
+
+namespace {
+
+// The name every directly built element is made with, before it takes its
+// own: pooling one short name costs next to nothing.
+const XMLCh kPlaceholderName[] = u"_";
+
+template <class Has, class Part>
+std::ptrdiff_t OffsetOf(DOMNode* node, Part* (Has::*get)()) {
+    Has* has = dynamic_cast<Has*>(node);
+    Part* part = has ? (has->*get)() : nullptr;
+    return part ? reinterpret_cast<char*>(part) - reinterpret_cast<char*>(node) : -1;
+}
+
+}  // namespace
+
+const CNodeLinks::CLayout& CNodeLinks::LayoutOf(DOMNode* node) {
+    const std::type_info* type = &typeid(*node);
+    for (const CLayout& layout : m_layouts)
+        if (layout.type == type) return layout;
+    m_layouts.push_back({type, OffsetOf(node, &HasDOMNodeImpl::getNodeImpl),
+                         OffsetOf(node, &HasDOMChildImpl::getChildNodeImpl),
+                         OffsetOf(node, &HasDOMParentImpl::getParentNodeImpl)});
+    return m_layouts.back();
+}
+
+// A node without the part is refused as xerces' own casts refuse it.
+template <class Part>
+Part* CNodeLinks::PartOf(DOMNode* node, std::ptrdiff_t CLayout::*offset) {
+    const std::ptrdiff_t at = LayoutOf(node).*offset;
+    if (at < 0) throw DOMException(DOMException::INVALID_STATE_ERR, 0, XMLPlatformUtils::fgMemoryManager);
+    return reinterpret_cast<Part*>(reinterpret_cast<char*>(node) + at);
+}
+
+DOMNodeImpl* CNodeLinks::Node(DOMNode* node) { return PartOf<DOMNodeImpl>(node, &CLayout::node); }
+
+DOMChildNode* CNodeLinks::Child(DOMNode* node) { return PartOf<DOMChildNode>(node, &CLayout::child); }
+
+DOMParentNode* CNodeLinks::Parent(DOMNode* node) { return PartOf<DOMParentNode>(node, &CLayout::parent); }
+
+// The first child's previous-sibling link names the last child.
+void CNodeLinks::Append(DOMNode* parent, DOMNode* child) {
+    DOMParentNode* children = Parent(parent);
+    DOMNodeImpl* childNode = Node(child);
+    DOMChildNode* childLinks = Child(child);
+    childNode->fOwnerNode = parent;
+    childNode->isOwned(true);
+    if (DOMNode* first = children->fFirstChild) {
+        DOMChildNode* firstLinks = Child(first);
+        DOMNode* last = firstLinks->previousSibling;
+        Child(last)->nextSibling = child;
+        childLinks->previousSibling = last;
+        firstLinks->previousSibling = child;
+    } else {
+        children->fFirstChild = child;
+        childNode->isFirstChild(true);
+        childLinks->previousSibling = child;
+    }
+}
+
+void CRegistryParser::startDocument() {
+    XercesDOMParser::startDocument();
+    m_names.clear();
+}
+
+void CRegistryParser::endDocument() {
+    XercesDOMParser::endDocument();
+    m_names = {};
+}
+
+// Without a document type there are no default attributes, no ID
+// attributes and no entity nodes: elements and attributes are what the
+// start tag says, and nothing else.
+bool CRegistryParser::BuildsDirectly() const {
+    return !fDocumentType && !fScanner->getDoNamespaces() && !fCreateSchemaInfo && !fDoXInclude;
+}
+
+DOMElement* CRegistryParser::CreateElement(const XMLElementDecl& decl) {
+    const XMLSize_t id = decl.getId();
+    if (id >= m_names.size()) m_names.resize(id + 1);
+    std::pair<const XMLElementDecl*, const XMLCh*>& name = m_names[id];
+    if (name.first != &decl) name = {&decl, fDocument->cloneString(decl.getFullName())};
+    DOMElementImpl* element =
+        new (fDocument, DOMMemoryManager::ELEMENT_OBJECT) DOMElementImpl(fDocument, kPlaceholderName);
+    element->fName = name.second;
+    return element;
+}
+
+void CRegistryParser::startElement(const XMLElementDecl& decl, unsigned int urlId, const XMLCh* prefix,
+                                   const RefVectorOf<XMLAttr>& attributes, XMLSize_t count,
+                                   bool isEmpty, bool isRoot) {
+    // The document element goes through the document's own checks.
+    if (!BuildsDirectly() || decl.hasAttDefs() || fCurrentParent == fDocument ||
+        fCurrentParent->getNodeType() != DOMNode::ELEMENT_NODE) {
+        XercesDOMParser::startElement(decl, urlId, prefix, attributes, count, isEmpty, isRoot);
+        return;
+    }
+    DOMElement* element = CreateElement(decl);
+    if (count) {
+        DOMAttrMapImpl* map = static_cast<DOMElementImpl*>(element)->fAttributes;
+        map->reserve(count);
+        for (XMLSize_t i = 0; i < count; ++i) {
+            const XMLAttr* attribute = attributes.elementAt(i);
+            DOMAttrImpl* attr = static_cast<DOMAttrImpl*>(createAttr(attribute->getName()));
+            map->setNamedItemFast(attr);
+            if (const XMLCh* value = attribute->getValue())
+                m_links.Append(attr, fDocument->createTextNode(value));
+            attr->setSpecified(attribute->getSpecified());
+        }
+    }
+    m_links.Append(fCurrentParent, element);
+    fCurrentParent = element;
+    fCurrentNode = element;
+    fWithinElement = true;
+    if (isEmpty) endElement(decl, urlId, isRoot, prefix);
+}
+
+void CRegistryParser::endElement(const XMLElementDecl& decl, unsigned int urlId, bool isRoot,
+                                 const XMLCh* prefix) {
+    if (!BuildsDirectly()) {
+        XercesDOMParser::endElement(decl, urlId, isRoot, prefix);
+        return;
+    }
+    fCurrentNode = fCurrentParent;
+    const DOMNodeImpl* node = m_links.Node(fCurrentNode);
+    fCurrentParent = node->isOwned() ? node->fOwnerNode : nullptr;
+    // More ends than starts, in a document that goes on after an error.
+    if (!fCurrentParent && fDocument) {
+        fCurrentNode = fDocument->getDocumentElement();
+        fCurrentParent = fCurrentNode;
+    }
+    if (fCurrentParent == fDocument) fWithinElement = false;
+}

@@ -1,0 +1,69 @@
+// The registry's document parser: xerces' own scanner and DOM, with the
+// document built without the per-node costs that dominate a large registry.
+#ifndef VELTCOM_UNIX_REGPARSER_H
+#define VELTCOM_UNIX_REGPARSER_H
+
+#include <cstddef>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include <xercesc/dom/impl/DOMChildNode.hpp>
+#include <xercesc/dom/impl/DOMNodeImpl.hpp>
+#include <xercesc/dom/impl/DOMParentNode.hpp>
+#include <xercesc/framework/XMLElementDecl.hpp>
+#include <xercesc/parsers/XercesDOMParser.hpp>
+
+// Where a node's link records lie within it. xerces finds them with a
+// cross-cast per step, and each cross-cast costs about as much as the rest
+// of the parse put together; the offsets are fixed for each node class, so
+// they are found once per class and reused.
+class CNodeLinks {
+public:
+    xercesc::DOMNodeImpl* Node(xercesc::DOMNode* node);
+    xercesc::DOMChildNode* Child(xercesc::DOMNode* node);
+    xercesc::DOMParentNode* Parent(xercesc::DOMNode* node);
+
+    // Makes `child`, a node that has no parent, the last child of `parent`,
+    // exactly as the parser's own append does.
+    void Append(xercesc::DOMNode* parent, xercesc::DOMNode* child);
+
+private:
+    struct CLayout {
+        const std::type_info* type;
+        std::ptrdiff_t node, child, parent;  // -1 where the class has none
+    };
+    const CLayout& LayoutOf(xercesc::DOMNode* node);
+    template <class Part>
+    Part* PartOf(xercesc::DOMNode* node, std::ptrdiff_t CLayout::*offset);
+
+    std::vector<CLayout> m_layouts;
+};
+
+// Parses exactly as xerces' DOM parser does, into the same kinds of nodes.
+// For a document without a document type, elements and attributes are
+// linked through CNodeLinks, and an element's name is stored once per
+// distinct name instead of going through the document's name pool, whose
+// fixed-size table turns every new name into a walk of a long chain. Any
+// other document is built by xerces' own code throughout.
+class CRegistryParser : public xercesc::XercesDOMParser {
+protected:
+    void startDocument() override;
+    void endDocument() override;
+    void startElement(const xercesc::XMLElementDecl& decl, unsigned int urlId, const XMLCh* prefix,
+                      const xercesc::RefVectorOf<xercesc::XMLAttr>& attributes, XMLSize_t count,
+                      bool isEmpty, bool isRoot) override;
+    void endElement(const xercesc::XMLElementDecl& decl, unsigned int urlId, bool isRoot,
+                    const XMLCh* prefix) override;
+
+private:
+    bool BuildsDirectly() const;
+    xercesc::DOMElement* CreateElement(const xercesc::XMLElementDecl& decl);
+
+    CNodeLinks m_links;
+    // The document's copy of each element name, by the scanner's number
+    // for its declaration; kept for one parse.
+    std::vector<std::pair<const xercesc::XMLElementDecl*, const XMLCh*>> m_names;
+};
+
+#endif

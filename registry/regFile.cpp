@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 
 namespace {
 
@@ -132,6 +133,20 @@ void CopyOwnerAndMode(int fd, const struct stat& original) {
     }
 }
 
+// The lock file beside the file a save replaces; empty when a link cannot be
+// followed.
+std::string LockPathOf(const std::string& path) {
+    std::string target;
+    return SaveTarget(path, target) ? target + ".lock" : std::string();
+}
+
+// Good to a few milliseconds, and read without a system call.
+int64_t CoarseMilliseconds() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
 }  // namespace
 
 CFileIdentity CFileIdentity::Of(const struct stat& info) {
@@ -152,9 +167,29 @@ bool CFileIdentity::operator==(const CFileIdentity& other) const {
 
 CRegistryFile::~CRegistryFile() {
     if (m_lockFd >= 0) close(m_lockFd);
+    UnmapSaveCounter(m_pSaveCounter);
+}
+
+// The mapping outlives the descriptor. A lock file this process may not
+// write still tells it of the saves of others.
+void CRegistryFile::MapCounter() {
+    const std::string path = LockPathOf(m_path);
+    if (path.empty()) return;
+    m_bCounterWritable = true;
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        m_bCounterWritable = false;
+        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    if (fd < 0) return;
+    m_pSaveCounter = MapSaveCounter(fd, m_bCounterWritable);
+    close(fd);
 }
 
 HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
+    if (!m_pSaveCounter) MapCounter();
+    // Taken before the file is read: a save counted later is looked at again.
+    const uint64_t saves = m_pSaveCounter ? ReadSaveCounter(m_pSaveCounter) : 0;
     int fd = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         // Only a missing file is made anew; one that is there but cannot be
@@ -179,6 +214,8 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
     close(fd);
     if (!read) return E_FAIL;
     m_known = CFileIdentity::Of(info);
+    m_nSavesSeen = saves;
+    m_nLookedAt = CoarseMilliseconds();
     return S_OK;
 }
 
@@ -194,6 +231,7 @@ HRESULT CRegistryFile::CreateMissing(const std::string& initial) {
     unlink(temporary.c_str());
     if (!linked) return REGDB_E_WRITEREGDB;
     SyncDirectory(DirectoryOf(m_path));
+    SignalSave();
     return S_OK;
 }
 
@@ -201,6 +239,21 @@ bool CRegistryFile::Changed() const {
     struct stat info;
     if (stat(m_path.c_str(), &info) != 0) return true;
     return CFileIdentity::Of(info) != m_known;
+}
+
+bool CRegistryFile::Outdated() {
+    if (m_pSaveCounter) {
+        const uint64_t saves = ReadSaveCounter(m_pSaveCounter);
+        const int64_t now = CoarseMilliseconds();
+        if (saves == m_nSavesSeen && now - m_nLookedAt < s_nRecheckMilliseconds) return false;
+        m_nSavesSeen = saves;
+        m_nLookedAt = now;
+    }
+    return Changed();
+}
+
+void CRegistryFile::SignalSave() {
+    if (m_pSaveCounter && m_bCounterWritable) RaiseSaveCounter(m_pSaveCounter);
 }
 
 HRESULT CRegistryFile::Write(const std::string& bytes) {
@@ -283,9 +336,8 @@ int CRegistryFile::LockDescriptor() {
     if (m_lockFd >= 0 && m_lockOwner == getpid()) return m_lockFd;
     if (m_lockFd >= 0) close(m_lockFd);
     m_lockOwner = getpid();
-    std::string target;
-    if (!SaveTarget(m_path, target)) return -1;
-    const std::string path = target + ".lock";
+    const std::string path = LockPathOf(m_path);
+    if (path.empty()) return -1;
     m_lockFd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     // flock needs no write access: another user's lock file still serves.
     if (m_lockFd < 0) m_lockFd = open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -6,10 +6,45 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <sys/mman.h>
+
+#include <cstdint>
 #include <string>
 
 #include "comBase.h"
+
+// Every process of the runtime that saves the registry raises a counter kept
+// in the first eight bytes of the lock file, mapped into each process that
+// reads the registry. A reader compares the counter with the value it saw
+// last, which costs no system call, and so learns of a save at once. Inline,
+// so that the veltcom tool, which links only the shared library, raises the
+// same counter.
+//
+// Maps the counter of the lock file open as `fd`, first making the file long
+// enough when it is shorter and `writable`; null when that cannot be done.
+inline uint64_t* MapSaveCounter(int fd, bool writable) {
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0) return nullptr;
+    if (info.st_size < static_cast<off_t>(sizeof(uint64_t)) &&
+        (!writable || ftruncate(fd, sizeof(uint64_t)) != 0))
+        return nullptr;
+    void* page = mmap(nullptr, sizeof(uint64_t), writable ? PROT_READ | PROT_WRITE : PROT_READ,
+                      MAP_SHARED, fd, 0);
+    return page == MAP_FAILED ? nullptr : static_cast<uint64_t*>(page);
+}
+
+inline void UnmapSaveCounter(uint64_t* counter) {
+    if (counter) munmap(counter, sizeof(uint64_t));
+}
+
+// Release order: whoever sees the new count also sees the file it counts.
+inline void RaiseSaveCounter(uint64_t* counter) { __atomic_fetch_add(counter, 1, __ATOMIC_RELEASE); }
+
+inline uint64_t ReadSaveCounter(const uint64_t* counter) {
+    return __atomic_load_n(counter, __ATOMIC_ACQUIRE);
+}
 
 // What tells one version of the file from another: a save makes a new file,
 // so its inode changes; an edit in place changes its size or time.
@@ -27,6 +62,11 @@ struct CFileIdentity {
 
 class CRegistryFile {
 public:
+    // How long a process trusts the counter alone: a file replaced by other
+    // means than a save of the runtime (an editor, a copy) is noticed by a
+    // stat at most this long after the last one.
+    static const int64_t s_nRecheckMilliseconds = 100;
+
     explicit CRegistryFile(std::string path) : m_path(std::move(path)) {}
     ~CRegistryFile();
     CRegistryFile(const CRegistryFile&) = delete;
@@ -42,6 +82,13 @@ public:
     // Whether the file on disk is not the one this process last read or
     // wrote. One stat.
     bool Changed() const;
+    // As Changed, but trusting the save counter: no system call while no
+    // save was counted and the last stat is recent. Without a counter (the
+    // lock file cannot be made or mapped) it is Changed.
+    bool Outdated();
+    // Counts a save, or any other replacement of the file, for the other
+    // processes.
+    void SignalSave();
     // Makes the next Changed() true, after this process's copy has parted
     // from the file.
     void Forget() { m_known.known = false; }
@@ -68,6 +115,7 @@ private:
     HRESULT ReplaceAtomically(const std::string& target, const std::string& bytes, bool& noTemporary);
     HRESULT WriteInPlace(const std::string& target, const std::string& bytes);
     int LockDescriptor();
+    void MapCounter();
 
     std::string m_path;
     CFileIdentity m_known;
@@ -76,6 +124,14 @@ private:
     // Whether this process has cleared away the temporary files of writers
     // that were killed; once is enough.
     bool m_bSwept = false;
+    // The lock file's save counter, when mapped; only a writable mapping
+    // can count this process's own saves.
+    uint64_t* m_pSaveCounter = nullptr;
+    bool m_bCounterWritable = false;
+    // The count when this process last looked at the file, and when that was
+    // (coarse monotonic milliseconds).
+    uint64_t m_nSavesSeen = 0;
+    int64_t m_nLookedAt = 0;
 };
 
 #endif

@@ -2,10 +2,12 @@
 // and the name enumerator it hands out.
 #include "regRegistry.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <ostream>
 #include <streambuf>
@@ -20,6 +22,7 @@
 #include "unix/regIndex.h"
 #include "unix/regErrorHandler.h"
 #include "unix/regParser.h"
+#include "unix/regSaved.h"
 
 using xercesc::DOMNode;
 
@@ -39,6 +42,7 @@ const XMLCh* const kHiveRoots[] = {
     u"Software\\Quorvane\\Version\\ApplicationData",  // 5: application data
 };
 const unsigned int kHiveCount = sizeof kHiveRoots / sizeof kHiveRoots[0];
+static_assert(kHiveCount == CXMLRegistry::s_nHives, "one root path for each hive");
 
 const XMLCh kString[] = u"string";
 const XMLCh kDword[] = u"dword";
@@ -59,7 +63,7 @@ struct CCurrentKey {
         generation = current;
         path = keyPath;
     }
-    void Descend(DOMNode* key, const RegString& relative) {
+    void Descend(DOMNode* key, const XMLCh* relative) {
         node = key;
         path += u'\\';
         path += relative;
@@ -105,25 +109,6 @@ std::string LeadingAscii(const RegString& text) {
     }
     return out;
 }
-
-// The writer's stream, gathering a save's bytes in a string.
-class CStringBuf : public std::streambuf {
-public:
-    explicit CStringBuf(std::string& bytes) : m_bytes(bytes) {}
-
-protected:
-    std::streamsize xsputn(const char* bytes, std::streamsize count) override {
-        m_bytes.append(bytes, static_cast<size_t>(count));
-        return count;
-    }
-    int_type overflow(int_type c) override {
-        if (!traits_type::eq_int_type(c, traits_type::eof())) m_bytes.push_back(traits_type::to_char_type(c));
-        return traits_type::not_eof(c);
-    }
-
-private:
-    std::string& m_bytes;
-};
 
 }  // namespace
 
@@ -200,8 +185,10 @@ HRESULT CXMLRegistry::Parse(const std::string& content) {
                                           content.size(), "REGISTRY", false);
         parser->parse(source);
         if (!parser->getDocument()) return E_FAIL;
-        // The index leaves the old document before the old document goes.
+        // The index and the saved bytes leave the old document before the
+        // old document goes.
         ChildIndex::Attach(parser->getDocument());
+        SavedSubtrees::Attach(parser->getDocument());
         m_spParser.Reset(parser.Detach());
         m_spErrorHandler.Reset(handler.Detach());
     } catch (const xercesc::XMLException& e) {
@@ -220,10 +207,7 @@ HRESULT CXMLRegistry::Parse(const std::string& content) {
 
 HRESULT CXMLRegistry::UpdateRegistryOnDisk() {
     std::string bytes;
-    CStringBuf buffer(bytes);
-    std::ostream out(&buffer);
-    out << static_cast<const DOMNode*>(Document());
-    if (!out) return REGDB_E_WRITEREGDB;
+    if (!WriteDocument(Document(), bytes)) return REGDB_E_WRITEREGDB;
     const HRESULT hr = m_spFile->Write(bytes);
     if (FAILED(hr)) return hr;
     if (++m_nChangesSinceLoad >= kChangesBeforeCompaction) Parse(bytes);
@@ -263,7 +247,10 @@ HRESULT CXMLRegistry::Change(Apply apply) {
     // thread's own key lies above whatever its change removed.
     t_currentKey.generation = ++m_nGeneration;
     hr = UpdateRegistryOnDisk();
-    if (SUCCEEDED(hr)) return hr;
+    if (SUCCEEDED(hr)) {
+        m_spFile->SignalSave();
+        return hr;
+    }
     // The change did not happen: the document goes back to what the file
     // holds, and the current key to where it was.
     t_currentKey = before;
@@ -296,14 +283,46 @@ unsigned long CXMLRegistry::Release() {
 HRESULT CXMLRegistry::Open(unsigned int hive, const wchar_t* subkey) {
     return Locked([&]() -> HRESULT {
         if (hive == 0 || hive > kHiveCount || !subkey) return E_INVALIDARG;
-        // A long-running process sees what others registered since it
-        // started. Should the file have become unreadable, the document
-        // read last serves on.
-        if (m_spFile->Changed()) Reload();
-        DOMNode* root = nullptr;
-        if (!ResolveKey(Document(), kHiveRoots[hive - 1], &root)) return REGDB_E_KEYMISSING;
-        t_currentKey.Set(root, m_nGeneration, kHiveRoots[hive - 1]);
-        return *subkey ? OpenKeyLocked(subkey) : S_OK;
+        const HRESULT hr = OpenHiveLocked(hive);
+        return SUCCEEDED(hr) && *subkey ? OpenKeyLocked(subkey) : hr;
+    });
+}
+
+// Any change may have moved or freed a root: each generation finds them anew.
+DOMNode* CXMLRegistry::HiveRoot(unsigned int hive) {
+    if (m_nRootsGeneration != m_nGeneration) {
+        std::fill(std::begin(m_rgHiveRoots), std::end(m_rgHiveRoots), nullptr);
+        m_nRootsGeneration = m_nGeneration;
+    }
+    DOMNode*& root = m_rgHiveRoots[hive - 1];
+    if (!root) ResolveKey(Document(), kHiveRoots[hive - 1], &root);
+    return root;
+}
+
+HRESULT CXMLRegistry::OpenHiveLocked(unsigned int hive) {
+    // A long-running process sees what others registered since it
+    // started. Should the file have become unreadable, the document read
+    // last serves on.
+    if (m_spFile->Outdated()) Reload();
+    DOMNode* root = HiveRoot(hive);
+    if (!root) return REGDB_E_KEYMISSING;
+    t_currentKey.Set(root, m_nGeneration, kHiveRoots[hive - 1]);
+    return S_OK;
+}
+
+HRESULT CXMLRegistry::ReadDefaultValue(unsigned int hive, std::initializer_list<const XMLCh*> keys,
+                                       RegString& value) {
+    return Locked([&]() -> HRESULT {
+        if (hive == 0 || hive > kHiveCount || keys.size() == 0) return E_INVALIDARG;
+        HRESULT hr = OpenHiveLocked(hive);
+        const XMLCh* const* key = keys.begin();
+        // Open descends only into a subkey that is not empty; OpenKey always.
+        if (SUCCEEDED(hr) && **key) hr = DescendLocked(*key);
+        for (++key; SUCCEEDED(hr) && key != keys.end(); ++key) hr = DescendLocked(*key);
+        if (FAILED(hr)) return hr;
+        RegString type;
+        if (!GetValue(CurrentKey(), u"", type, value) || type != kString) return REGDB_E_INVALIDVALUE;
+        return Close();
     });
 }
 
@@ -319,12 +338,15 @@ HRESULT CXMLRegistry::OpenKey(const wchar_t* path) {
 
 HRESULT CXMLRegistry::OpenKeyLocked(const wchar_t* path) {
     if (!path) return E_POINTER;
+    return DescendLocked(EscapeKey(path).c_str());
+}
+
+HRESULT CXMLRegistry::DescendLocked(const XMLCh* escaped) {
     DOMNode* key = CurrentKey();
     if (!key) return REGDB_E_KEYMISSING;
-    const RegString escaped = EscapeKey(path);
-    if (PathDepth(escaped.c_str()) > s_nMaxPathDepth) return E_INVALIDARG;
+    if (PathDepth(escaped) > s_nMaxPathDepth) return E_INVALIDARG;
     DOMNode* found = nullptr;
-    if (!ResolveKey(key, escaped.c_str(), &found)) return REGDB_E_KEYMISSING;
+    if (!ResolveKey(key, escaped, &found)) return REGDB_E_KEYMISSING;
     t_currentKey.Descend(found, escaped);
     return S_OK;
 }
@@ -343,7 +365,7 @@ HRESULT CXMLRegistry::CreateKey(const wchar_t* path, int open) {
         return Change([&](DOMNode* key) -> HRESULT {
             DOMNode* last = nullptr;
             if (!::CreateKey(Document(), key, escaped.c_str(), &last)) return REGDB_E_WRITEREGDB;
-            if (open == 1) t_currentKey.Descend(last, escaped);
+            if (open == 1) t_currentKey.Descend(last, escaped.c_str());
             return S_OK;
         });
     });

@@ -3,6 +3,7 @@
 #define VELTCOM_REGISTRY_REGREGISTRY_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 
@@ -38,6 +39,8 @@ public:
 
     // The most names a key path may hold; a longer one is refused.
     static const size_t s_nMaxPathDepth = 256;
+    // Hives are numbered from 1.
+    static const unsigned int s_nHives = 5;
 
     HRESULT QueryInterface(const COM_GUID& iid, void** out) override;
     unsigned long AddRef() override;
@@ -55,6 +58,14 @@ public:
     HRESULT DeleteValue(const wchar_t* name) override;
     HRESULT EnumKeys(COM_IEnumBSTR** out) override;
     HRESULT EnumValues(COM_IEnumBSTR** out) override;
+
+    // Reads the default value of a key as Open(hive, keys[0]), an
+    // OpenKey for each further name, GetValueString(L"", ...) and, when all
+    // of them succeed, Close() would, one after the other and with the same
+    // results and the same current key left behind; but under one lock, and
+    // with names already escaped. The value is copied into `value`.
+    HRESULT ReadDefaultValue(unsigned int hive, std::initializer_list<const XMLCh*> keys,
+                             RegString& value);
 
     // Reads the file, creating it with the default document when missing,
     // and parses it.
@@ -76,7 +87,10 @@ private:
     HRESULT Reload();
     HRESULT Parse(const std::string& content);
     xercesc::DOMNode* CurrentKey();
+    xercesc::DOMNode* HiveRoot(unsigned int hive);
+    HRESULT OpenHiveLocked(unsigned int hive);
     HRESULT OpenKeyLocked(const wchar_t* path);
+    HRESULT DescendLocked(const XMLCh* escaped);
     HRESULT StoreValue(const wchar_t* name, const XMLCh* type, const RegString& data);
     HRESULT Enumerate(int kind, COM_IEnumBSTR** out);
     xercesc::DOMDocument* Document() const { return m_spParser->getDocument(); }
@@ -90,6 +104,10 @@ private:
     // again by its path.
     uint64_t m_nGeneration = 1;
     unsigned int m_nChangesSinceLoad = 0;
+    // The root keys of the hives, as found in the document of that
+    // generation; null where not looked up yet or missing.
+    xercesc::DOMNode* m_rgHiveRoots[s_nHives] = {};
+    uint64_t m_nRootsGeneration = 0;
     utlAutoPtr<xercesc::XercesDOMParser> m_spParser;
     utlAutoPtr<xercesc::ErrorHandler> m_spErrorHandler;
 };

@@ -7,11 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <functional>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "registry/regRegistry.h"
@@ -315,8 +317,10 @@ TEST_F(RegistryObject, LookupsAmongManyChildrenFindTheFirstOfTheNameThroughEvery
     ASSERT_EQ(m_reg->CreateKey(L"Dup", 0), S_OK);
     EXPECT_EQ(defaultOf(L"Dup"), L"second") << "a new key of a name already there comes after it";
 
-    // Another process's file: only its keys are found.
+    // Another process's file: only its keys are found. Written by hand, it
+    // is noticed once the interval of trusting the save counter has passed.
     WriteFile("Registry.XML", Saved("<Dup default = \"theirs\"/>" + many));
+    std::this_thread::sleep_for(std::chrono::milliseconds(CRegistryFile::s_nRecheckMilliseconds + 20));
     EXPECT_EQ(defaultOf(L"Dup"), L"theirs");
     EXPECT_EQ(defaultOf(L"K5"), L"5");
 }

@@ -20,6 +20,7 @@
 #include <sstream>
 
 #include "core/libraryTrust.h"
+#include "registry/regFile.h"
 #include "toolInternal.h"
 
 namespace {
@@ -273,6 +274,7 @@ public:
     explicit CWritersLock(const std::string& registry) {
         const std::string path = registry + ".lock";
         m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        m_bWritable = m_fd >= 0;
         if (m_fd < 0) m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         while (m_fd >= 0 && flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
         }
@@ -281,8 +283,19 @@ public:
         if (m_fd >= 0) close(m_fd);
     }
 
+    // Counts the replacement as the runtime counts its saves, so that running
+    // processes read the restored file at their next Open.
+    void CountSave() const {
+        if (!m_bWritable) return;
+        uint64_t* counter = MapSaveCounter(m_fd, true);
+        if (!counter) return;
+        RaiseSaveCounter(counter);
+        UnmapSaveCounter(counter);
+    }
+
 private:
     int m_fd;
+    bool m_bWritable;
 };
 
 // Writes `content` to a new file beside `path` and renames it over `path`,
@@ -343,6 +356,7 @@ RestoreOutcome Restore(const std::string& path) {
     const HRESULT hr = ReplaceFile(path, content.str(), mode);
     if (FAILED(hr))
         return {false, message + "cannot restore " + path + ": " + StatusText(hr)};
+    lock.CountSave();
     return {true, message + "restored " + path + " from " + backup};
 }
 

@@ -3,8 +3,10 @@
 // and class description lookups.
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
+#include <initializer_list>
 #include <cwchar>
 #include <map>
 #include <mutex>
@@ -15,14 +17,28 @@
 #include "categories/categoriesInternal.h"
 #include "memory/memoryInternal.h"
 #include "registry/regRegistry.h"
+#include "unix/regIndex.h"
 
 namespace {
 
 typedef HRESULT (*PFNGETCLASSOBJECT)(const COM_GUID& clsid, const COM_GUID& iid, void** out);
 
+// Wide text against the registry's own 16-bit text, character by character:
+// a name is looked up as the registry holds it, with no wide copy made. The
+// order is that of the wide strings, since widening keeps every value.
+struct CLibraryNameOrder {
+    using is_transparent = void;
+
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const {
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                            [](long x, long y) { return x < y; });
+    }
+};
+
 // Keyed by the InprocServer32 text exactly as registered. Libraries are
 // never closed, so the entries stay valid for the life of the process.
-std::map<std::wstring, PFNGETCLASSOBJECT> g_dllMap;
+std::map<std::wstring, PFNGETCLASSOBJECT, CLibraryNameOrder> g_dllMap;
 // Held from the look-up in the map through the load, so that threads
 // activating a library's classes for the first time load it once. Recursive:
 // a library's constructors may themselves create objects.
@@ -113,14 +129,33 @@ PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
     return g_dllMap.emplace(name, entry).first->second;
 }
 
-// Opens hive 1 at `path` and reads the default value of `subkey` below it.
-HRESULT ReadDefaultValue(RegistryPtr& registry, const wchar_t* path, const wchar_t* subkey,
-                         wchar_t** value) {
-    if (FAILED(registry.CreateInstance(COM_CLSID_Registry))) return CLASS_E_CLASSNOTAVAILABLE;
-    if (FAILED(registry->Open(1, path)) || FAILED(registry->OpenKey(subkey)))
+// Reads the default value of the key below hive 1 that `keys` lead to, one
+// Open or OpenKey argument each; the registry object is made on first use.
+// Any failure on the way means the same: the class or ProgID is not there.
+HRESULT ReadClassesValue(std::initializer_list<const XMLCh*> keys, RegString& value) {
+    RegistryPtr registry;
+    if (FAILED(CXMLRegistry::CreateInstance(COM_IID_IRegistry, registry.OutVoid())))
         return CLASS_E_CLASSNOTAVAILABLE;
-    if (FAILED(registry->GetValueString(L"", value))) return CLASS_E_CLASSNOTAVAILABLE;
-    return S_OK;
+    CXMLRegistry* xmlRegistry = static_cast<CXMLRegistry*>(registry.Get());
+    return SUCCEEDED(xmlRegistry->ReadDefaultValue(1, keys, value)) ? S_OK : CLASS_E_CLASSNOTAVAILABLE;
+}
+
+// The default value of CLSID\<class>\<name>.
+HRESULT ReadClassValue(const COM_GUID& clsid, const XMLCh* name, RegString& value) {
+    XMLCh text[kClassIdLength + 1];
+    FormatClassId(clsid, text);
+    return ReadClassesValue({u"CLSID", text, name}, value);
+}
+
+// A name as the registry's operations take it; false when even that copy
+// cannot be made, which the callers report as a name that is not there.
+bool Escaped(const wchar_t* name, RegString& escaped) {
+    try {
+        escaped = EscapeKey(name);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -144,19 +179,19 @@ HRESULT CComClassFactory::GetClassFactory(const COM_GUID& clsid, void** factory)
     HRESULT hr = StaticGetClassObject(clsid, COM_IID_IClassFactory, factory);
     if (SUCCEEDED(hr)) return hr;
 
-    wchar_t* value = nullptr;
-    if (FAILED(GetValueFromClsid(clsid, L"InprocServer32", &value))) {
+    RegString name;
+    if (FAILED(ReadClassValue(clsid, u"InprocServer32", name))) {
         SetClassNotAvailableError(clsid);
         return CLASS_E_CLASSNOTAVAILABLE;
     }
-    const std::wstring name(value, COM_SysStringLen(value));
-    COM_SysFreeString(value);
 
     PFNGETCLASSOBJECT getClassObject;
     {
         std::lock_guard<std::recursive_mutex> lock(g_dllMapLock);
-        auto known = g_dllMap.find(name);
-        getClassObject = known != g_dllMap.end() ? known->second : LoadLibrary(name, hr);
+        auto known = g_dllMap.find(RegStringView(name));
+        getClassObject = known != g_dllMap.end()
+                             ? known->second
+                             : LoadLibrary(std::wstring(name.begin(), name.end()), hr);
     }
     if (!getClassObject) return hr;
     return getClassObject(clsid, COM_IID_IClassFactory, factory);
@@ -176,14 +211,13 @@ HRESULT CComClassFactory::CreateInstance(const COM_GUID& clsid, COM_IUnknown*,
 HRESULT CComClassFactory::GetValueFromClsid(const COM_GUID& clsid, const wchar_t* name,
                                             wchar_t** value) {
     if (!name || !value) return E_POINTER;
-    wchar_t* text = nullptr;
-    if (FAILED(COM_CLSIDToString(clsid, &text))) return CLASS_E_CLASSNOTAVAILABLE;
-    RegistryPtr registry;
-    HRESULT hr = ReadDefaultValue(registry, L"CLSID", (std::wstring(text) + L"\\" + name).c_str(),
-                                  value);
-    COM_SysFreeString(text);
-    if (FAILED(hr)) return hr;
-    return SUCCEEDED(registry->Close()) ? S_OK : CLASS_E_CLASSNOTAVAILABLE;
+    RegString escaped, text;
+    if (!Escaped(name, escaped) || FAILED(ReadClassValue(clsid, escaped.c_str(), text)))
+        return CLASS_E_CLASSNOTAVAILABLE;
+    wchar_t* copy = AllocWidened(text.c_str());
+    if (!copy) return CLASS_E_CLASSNOTAVAILABLE;
+    *value = copy;
+    return S_OK;
 }
 
 HRESULT CComClassFactory::GetProgIDFromClsid(const COM_GUID& clsid, wchar_t** value) {
@@ -200,13 +234,11 @@ HRESULT CComClassFactory::GetDescriptionFromClsid(const COM_GUID& clsid, wchar_t
 
 HRESULT CComClassFactory::GetCLSIDFromProgID(wchar_t* progId, COM_GUID* clsid) {
     if (!progId || !clsid) return E_POINTER;
-    RegistryPtr registry;
-    wchar_t* text = nullptr;
-    HRESULT hr = ReadDefaultValue(registry, progId, L"CLSID", &text);
-    if (SUCCEEDED(hr) && FAILED(COM_StringToCLSID(text, clsid))) hr = CLASS_E_CLASSNOTAVAILABLE;
-    COM_SysFreeString(text);
-    if (FAILED(hr)) return hr;
-    return SUCCEEDED(registry->Close()) ? S_OK : CLASS_E_CLASSNOTAVAILABLE;
+    RegString escaped, text;
+    if (!Escaped(progId, escaped) || FAILED(ReadClassesValue({escaped.c_str(), u"CLSID"}, text)) ||
+        FAILED(ParseClassId(text.c_str(), *clsid)))
+        return CLASS_E_CLASSNOTAVAILABLE;
+    return S_OK;
 }
 
 HRESULT CComClassFactory::FreeUnusedLibraries() {
@@ -219,16 +251,11 @@ namespace {
 // Reads the binder class registered for a moniker prefix. Whatever goes wrong
 // on the way means the same to the caller: no binder for this prefix.
 HRESULT FindBinderClass(const wchar_t* prefix, COM_GUID& clsid) {
-    try {
-        RegistryPtr registry;
-        CAutoBstr text;
-        if (FAILED(ReadDefaultValue(registry, L"Moniker", prefix, text.Out())) ||
-            FAILED(registry->Close()) || FAILED(COM_StringToCLSID(text.Get(), &clsid)))
-            return CLASS_E_CLASSNOTAVAILABLE;
-        return S_OK;
-    } catch (const std::bad_alloc&) {
+    RegString escaped, text;
+    if (!Escaped(prefix, escaped) || FAILED(ReadClassesValue({u"Moniker", escaped.c_str()}, text)) ||
+        FAILED(ParseClassId(text.c_str(), clsid)))
         return CLASS_E_CLASSNOTAVAILABLE;
-    }
+    return S_OK;
 }
 
 }  // namespace

@@ -132,33 +132,15 @@ HRESULT CComPlatformUtils::COM_ResetSysStats() {
 
 HRESULT CComPlatformUtils::COM_CLSIDToString(const COM_GUID& id, wchar_t** text) {
     if (!text) return E_POINTER;
-    char narrow[40];
-    std::snprintf(narrow, sizeof narrow, "_%08X-%04X-%04x-%02X%02X-%02X%02X%02X%02X%02X%02X_",
-                  id.Data1, id.Data2, id.Data3, id.Data4[0], id.Data4[1], id.Data4[2],
-                  id.Data4[3], id.Data4[4], id.Data4[5], id.Data4[6], id.Data4[7]);
-    wchar_t wide[sizeof narrow];
-    wide[WidenMultibyte(narrow, sizeof narrow, wide)] = L'\0';
-    *text = COM_SysAllocString(wide);
+    wchar_t wide[kClassIdLength + 1];
+    FormatClassId(id, wide);
+    *text = COM_SysAllocStringLen(wide, kClassIdLength);
     return *text ? S_OK : E_OUTOFMEMORY;
 }
 
 HRESULT CComPlatformUtils::COM_StringToCLSID(const wchar_t* text, COM_GUID* id) {
     if (!id || !text) return E_POINTER;
-    COM_GUID result;
-    int pos = 0;
-    if (text[pos++] != L'_') return E_INVALIDARG;
-    if (!GetHex(text, pos, 8, result.Data1)) return E_INVALIDARG;
-    if (text[pos++] != L'-' || !GetHex(text, pos, 4, result.Data2)) return E_INVALIDARG;
-    if (text[pos++] != L'-' || !GetHex(text, pos, 4, result.Data3)) return E_INVALIDARG;
-    if (text[pos++] != L'-') return E_INVALIDARG;
-    for (int i = 0; i < 8; ++i) {
-        if (i == 2 && text[pos++] != L'-') return E_INVALIDARG;
-        if (!GetHex(text, pos, 2, result.Data4[i])) return E_INVALIDARG;
-    }
-    // Characters after the closing underscore are not examined.
-    if (text[pos] != L'_') return E_INVALIDARG;
-    *id = result;
-    return S_OK;
+    return ParseClassId(text, *id);
 }
 
 HRESULT CComPlatformUtils::COM_GenerateCLSID(COM_GUID*) {

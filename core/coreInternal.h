@@ -225,8 +225,8 @@ private:
 // Reads `digits` hexadecimal digits at text[position]. Only the low 8 bits of
 // each character are classified, so U+0141 reads as the digit 'A'. On a
 // non-digit nothing is changed and the result is false.
-template <class T>
-bool GetHex(const wchar_t* text, int& position, int digits, T& value) {
+template <class Char, class T>
+bool GetHex(const Char* text, int& position, int digits, T& value) {
     uint32_t accumulator = 0;
     for (int i = 0; i < digits; ++i) {
         unsigned char c = static_cast<unsigned char>(text[position + i] & 0xFF);
@@ -244,6 +244,58 @@ bool GetHex(const wchar_t* text, int& position, int digits, T& value) {
     if (digits > 0) position += digits;
     value = static_cast<T>(accumulator);
     return true;
+}
+
+// The characters of an identifier's text form, without the terminator.
+const size_t kClassIdLength = 38;
+
+// Writes the identifier's text form, "_XXXXXXXX-XXXX-xxxx-XXXX-XXXXXXXXXXXX_"
+// (the third group in lower case, the others in upper case), and a
+// terminator. Its characters are ASCII, the same in every locale, so any
+// character type takes them as they are.
+template <class Char>
+void FormatClassId(const COM_GUID& id, Char (&out)[kClassIdLength + 1]) {
+    static const char kUpper[] = "0123456789ABCDEF";
+    static const char kLower[] = "0123456789abcdef";
+    Char* next = out;
+    auto hex = [&next](uint32_t value, int digits, const char* set) {
+        for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
+            *next++ = static_cast<Char>(set[(value >> shift) & 0xF]);
+    };
+    *next++ = '_';
+    hex(id.Data1, 8, kUpper);
+    *next++ = '-';
+    hex(id.Data2, 4, kUpper);
+    *next++ = '-';
+    hex(id.Data3, 4, kLower);
+    *next++ = '-';
+    for (int i = 0; i < 8; ++i) {
+        if (i == 2) *next++ = '-';
+        hex(id.Data4[i], 2, kUpper);
+    }
+    *next++ = '_';
+    *next = 0;
+}
+
+// Reads an identifier's text form, either case, into `id`; E_INVALIDARG, with
+// `id` untouched, for text of any other form. Characters after the closing
+// underscore are not examined.
+template <class Char>
+HRESULT ParseClassId(const Char* text, COM_GUID& id) {
+    COM_GUID result;
+    int pos = 0;
+    if (text[pos++] != '_') return E_INVALIDARG;
+    if (!GetHex(text, pos, 8, result.Data1)) return E_INVALIDARG;
+    if (text[pos++] != '-' || !GetHex(text, pos, 4, result.Data2)) return E_INVALIDARG;
+    if (text[pos++] != '-' || !GetHex(text, pos, 4, result.Data3)) return E_INVALIDARG;
+    if (text[pos++] != '-') return E_INVALIDARG;
+    for (int i = 0; i < 8; ++i) {
+        if (i == 2 && text[pos++] != '-') return E_INVALIDARG;
+        if (!GetHex(text, pos, 2, result.Data4[i])) return E_INVALIDARG;
+    }
+    if (text[pos] != '_') return E_INVALIDARG;
+    id = result;
+    return S_OK;
 }
 
 // Converts at most `count` bytes of multibyte text of the current locale,

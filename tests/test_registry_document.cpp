@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "testSupport.h"
 #include "unix/regErrorHandler.h"
 #include "unix/regHelper.h"
+#include "unix/regSaved.h"
 
 using xercesc::DOMNode;
 
@@ -194,6 +196,71 @@ TEST_F(RegistryDocument, ANodeTypeWithoutWrittenFormStopsTheProcessInEveryBuild)
         "std::ostream& operator<<\\(std::ostream&, const xercesc_3_2::DOMNode\\*\\): Assertion `.*' failed";
     EXPECT_DEATH(Written(m_doc), message);
     EXPECT_DEATH(Written(static_cast<xercesc::DOMElement*>(m_root)->getAttributeNode(u"a")), message);
+    std::string bytes;
+    EXPECT_DEATH(WriteDocument(m_doc, bytes), message);
+}
+
+// A save reuses the bytes of unchanged subtrees: after any sequence of
+// changes, anywhere under keys wide enough to have their children's bytes
+// kept, and after a save that failed on unwritable text, it writes exactly
+// what a fresh write gives.
+TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
+    std::string text = "<r><Wide>";
+    for (int i = 0; i < 60; ++i) {
+        text += "<K" + std::to_string(i) + " default = \"" + std::to_string(i) + "\">";
+        if (i == 45)
+            for (int j = 0; j < 40; ++j) text += "<N" + std::to_string(j) + "/>";
+        text += "<item name = \"v\" type = \"string\" value = \"x\"/></K" + std::to_string(i) + ">";
+    }
+    Load(text + "</Wide></r>");
+    SavedSubtrees::Attach(m_doc);
+    std::string bytes;
+    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    // The memory of a freed key comes back as the next key made.
+    DOMNode* key = nullptr;
+    ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K40"));
+    ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\Fresh", &key));
+    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    ASSERT_EQ(bytes, Written(m_doc));
+    ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K45\\N3"));
+    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    ASSERT_EQ(bytes, Written(m_doc));
+
+    std::mt19937 random(12345);
+    auto pick = [&](int n) { return std::to_string(random() % n); };
+    auto keyPath = [&]() -> std::u16string {
+        std::string path = "Wide\\K" + pick(64);
+        if (random() % 2) path += "\\N" + pick(44);
+        return std::u16string(path.begin(), path.end());
+    };
+    for (int step = 0; step < 600; ++step) {
+        const std::u16string path = keyPath();
+        const XMLCh* name = random() % 3 ? u"v" : u"";
+        switch (random() % 5) {
+        case 0: CreateKey(m_doc, m_root, path.c_str(), &key); break;
+        case 1: DeleteKey(m_root, path.c_str()); break;
+        case 2:
+            if (ResolveKey(m_root, path.c_str(), &key)) DeleteValue(m_doc, key, name);
+            break;
+        default:
+            if (ResolveKey(m_root, path.c_str(), &key)) {
+                const std::string value = "s" + std::to_string(step);
+                SetValue(m_doc, key, name, u"string", std::u16string(value.begin(), value.end()).c_str());
+            }
+        }
+        ASSERT_TRUE(WriteDocument(m_doc, bytes));
+        ASSERT_EQ(bytes, Written(m_doc)) << "step " << step;
+    }
+
+    ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\K50\\Bad", &key));
+    SetValue(m_doc, key, u"v", u"string", u"\xD800");
+    bytes = "as it was";
+    EXPECT_FALSE(WriteDocument(m_doc, bytes));
+    EXPECT_EQ(bytes, "as it was");
+    DeleteValue(m_doc, key, u"v");
+    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    EXPECT_EQ(bytes, Written(m_doc));
+    SavedSubtrees::Attach(nullptr);
 }
 
 // Keys are all element children, other children count as null slots; a

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include <xercesc/dom/DOMElement.hpp>
 #include <xercesc/dom/DOMException.hpp>
@@ -15,6 +16,7 @@
 
 #include "regErrorHandler.h"
 #include "regIndex.h"
+#include "regSaved.h"
 #include "registry/regRegistry.h"
 
 using xercesc::DOMDocument;
@@ -103,6 +105,14 @@ bool HasValueAttributesOnly(const DOMNode* item) {
            NameIs(attributes->item(1), kType) && NameIs(attributes->item(2), kValue);
 }
 
+// A node about to be freed leaves the child index and the saved subtrees.
+// Every other change tells the saved subtrees before it is made, so that
+// one that fails halfway leaves no stale bytes either.
+void NoteReleased(DOMNode* node) {
+    ChildIndex::Released(node);
+    SavedSubtrees::Released(node);
+}
+
 // Frees a detached subtree from the leaves up. The DOM's own release of a
 // subtree recurses, and a hand-edited file may nest deeper than any stack.
 void ReleaseSubtree(DOMNode* root) {
@@ -112,11 +122,11 @@ void ReleaseSubtree(DOMNode* root) {
             node = last;
         if (node == root) break;
         DOMNode* parent = node->getParentNode();
-        ChildIndex::Released(node);
+        NoteReleased(node);
         parent->removeChild(node)->release();
         node = parent;
     }
-    ChildIndex::Released(root);
+    NoteReleased(root);
     root->release();
 }
 
@@ -208,6 +218,7 @@ int CreateKey(DOMDocument* doc, DOMNode* start, const XMLCh* path, DOMNode** out
         DOMNode* child = FindChild(node, piece);
         if (!child) {
             name.assign(piece);
+            SavedSubtrees::Changed(node);
             child = node->appendChild(doc->createElement(name.c_str()));
             ChildIndex::Appended(node, child);
         }
@@ -223,6 +234,7 @@ int DeleteKey(DOMNode* start, const XMLCh* path) {
     try {
         DOMNode* parent = found->getParentNode();
         if (!parent) return 0;
+        SavedSubtrees::Changed(parent);
         ReleaseSubtree(parent->removeChild(found));
         ChildIndex::Removed(parent);
         return 1;
@@ -249,6 +261,7 @@ int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* typ
              const XMLCh* value) {
     if (!*name) {
         if (!IsElement(key)) return 0;
+        SavedSubtrees::Changed(key);
         static_cast<DOMElement*>(key)->setAttribute(kDefault, value);
         return 1;
     }
@@ -256,6 +269,7 @@ int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* typ
     // A value element just as this function makes them is the same after
     // its type and data change as after a replacement, and costs no memory.
     if (old && HasValueAttributesOnly(old)) {
+        SavedSubtrees::Changed(old);
         static_cast<DOMElement*>(old)->setAttribute(kType, type);
         static_cast<DOMElement*>(old)->setAttribute(kValue, value);
         return 1;
@@ -264,6 +278,7 @@ int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* typ
     item->setAttribute(kName, name);
     item->setAttribute(kType, type);
     item->setAttribute(kValue, value);
+    SavedSubtrees::Changed(key);
     if (old) {
         key->replaceChild(item, old);
         ChildIndex::Replaced(key, old, item);
@@ -278,11 +293,13 @@ int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* typ
 int DeleteValue(DOMDocument*, DOMNode* key, const XMLCh* name) {
     if (!*name) {
         if (!IsElement(key)) return 0;
+        SavedSubtrees::Changed(key);
         static_cast<DOMElement*>(key)->removeAttribute(kDefault);
         return 1;
     }
     DOMNode* item = FindItem(key, name);
     if (!item) return 0;
+    SavedSubtrees::Changed(key);
     ReleaseSubtree(key->removeChild(item));
     ChildIndex::Removed(key);
     return 1;
@@ -327,34 +344,35 @@ const struct CSpecialTable {
 } kIsSpecial;
 
 
-// A growing byte buffer that the writer narrows text straight into.
+// A growing byte buffer that the writer narrows text straight into; its
+// bytes are handed out whole, without a copy.
 class CByteBuffer {
 public:
     char* Room(size_t count) {
-        if (m_capacity - m_used < count) Grow(count);
-        return m_data.get() + m_used;
+        if (m_data.size() - m_used < count) Grow(count);
+        return m_data.data() + m_used;
     }
-    size_t Free() const { return m_capacity - m_used; }
+    size_t Free() const { return m_data.size() - m_used; }
     void Commit(size_t count) { m_used += count; }
     void Append(const char* bytes, size_t count) {
         std::memcpy(Room(count), bytes, count);
         Commit(count);
     }
     void Push(char c) { Append(&c, 1); }
-    const char* Data() const { return m_data.get(); }
+    const char* Data() const { return m_data.data(); }
     size_t Size() const { return m_used; }
+    std::string Take() {
+        m_data.resize(m_used);
+        m_used = 0;
+        return std::move(m_data);
+    }
 
 private:
     void Grow(size_t count) {
-        const size_t capacity = std::max({m_capacity * 2, m_used + count, size_t(1) << 16});
-        std::unique_ptr<char[]> data(new char[capacity]);
-        if (m_used) std::memcpy(data.get(), m_data.get(), m_used);
-        m_data = std::move(data);
-        m_capacity = capacity;
+        m_data.resize(std::max({m_data.size() * 2, m_used + count, size_t(1) << 16}));
     }
 
-    std::unique_ptr<char[]> m_data;
-    size_t m_capacity = 0;
+    std::string m_data;
     size_t m_used = 0;
 };
 
@@ -404,38 +422,80 @@ enum class WriteResult { Written, UnwritableText, UnknownNodeType };
 
 // Writes a subtree into one buffer. The walk follows the tree's own links
 // instead of recursing, so no depth of nesting can exhaust the stack.
+//
+// Writing the registry's document, it reuses the bytes saved for subtrees
+// that have not changed since, and saves those it writes anew. Only the
+// children of a key with many children are saved: the classes and ProgIDs
+// of a large registry, each small, which together are nearly all of it.
 class CDocumentWriter {
 public:
+    explicit CDocumentWriter(bool reuseSaved) : m_reuseSaved(reuseSaved) {}
+
     WriteResult Write(const DOMNode* root) {
         const DOMNode* node = root;
         for (;;) {
-            bool descend = false;
-            if (!Open(node, descend)) return WriteResult::UnknownNodeType;
-            if (descend) {
-                node = node->getFirstChild();
-                continue;
+            const size_t start = m_out.Size();
+            const bool saves = Saves(node);
+            if (const std::string* saved = saves ? SavedSubtrees::Find(node) : nullptr) {
+                m_out.Append(saved->data(), saved->size());
+            } else {
+                bool descend = false;
+                if (!Open(node, descend)) return WriteResult::UnknownNodeType;
+                if (descend) {
+                    m_open.push_back({node, 0, saves ? start : kNotSaved});
+                    node = node->getFirstChild();
+                    continue;
+                }
+                if (saves) Save(node, start);
             }
             // Close every node whose subtree is done, up to one with a next
             // sibling.
             for (;;) {
-                Close(node);
                 if (node == root) return m_textWritable ? WriteResult::Written
                                                         : WriteResult::UnwritableText;
+                ++m_open.back().children;
                 if (const DOMNode* next = node->getNextSibling()) {
                     node = next;
                     break;
                 }
-                node = node->getParentNode();
+                const COpen parent = m_open.back();
+                m_open.pop_back();
+                node = parent.node;
+                Close(node);
+                if (parent.start != kNotSaved) Save(node, parent.start);
             }
         }
     }
 
     const CByteBuffer& Bytes() const { return m_out; }
 
+    std::string TakeBytes() { return m_out.Take(); }
+
 private:
     // Room made before each text, so that names and values of usual length
     // are narrowed straight into the buffer.
     static const size_t kRoomForText = 1 << 12;
+    // A key's children from this one on are saved.
+    static const size_t kSavedFrom = 32;
+    static const size_t kNotSaved = SIZE_MAX;
+
+    // An element whose children are being written.
+    struct COpen {
+        const DOMNode* node;
+        size_t children;  // written so far
+        size_t start;     // of its bytes, when they are to be saved
+    };
+
+    bool Saves(const DOMNode* node) const {
+        return m_reuseSaved && !m_open.empty() && m_open.back().children >= kSavedFrom &&
+               node->getNodeType() == DOMNode::ELEMENT_NODE;
+    }
+
+    // Bytes that hold unwritable text are never kept: the save fails.
+    void Save(const DOMNode* element, size_t start) {
+        if (m_textWritable)
+            SavedSubtrees::Store(element, std::string_view(m_out.Data() + start, m_out.Size() - start));
+    }
 
     // Writes what comes before the node's children; `descend` tells whether
     // it has children to write. False for a node type with no written form.
@@ -480,7 +540,7 @@ private:
 
     // Writes what comes after the children of a node that had some.
     void Close(const DOMNode* node) {
-        if (node->getNodeType() != DOMNode::ELEMENT_NODE || !node->getFirstChild()) return;
+        if (node->getNodeType() != DOMNode::ELEMENT_NODE) return;
         Put("</");
         Text(node->getNodeName(), TextRole::Name);
         Put(">");
@@ -539,6 +599,8 @@ private:
         return true;
     }
 
+    const bool m_reuseSaved;
+    std::vector<COpen> m_open;
     CByteBuffer m_out;
     bool m_textWritable = true;
 };
@@ -550,7 +612,7 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
         out.setstate(std::ios::badbit);
         return out;
     }
-    CDocumentWriter writer;
+    CDocumentWriter writer(false);
     const WriteResult result = writer.Write(node);
     const bool nodeTypeWritable = result != WriteResult::UnknownNodeType;
     REG_ASSERT(nodeTypeWritable);
@@ -560,6 +622,19 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
         return out;
     }
     return out.write(writer.Bytes().Data(), static_cast<std::streamsize>(writer.Bytes().Size()));
+}
+
+bool WriteDocument(const DOMDocument* document, std::string& bytes) {
+    CDocumentWriter writer(true);
+    const WriteResult result = writer.Write(document);
+    if (result == WriteResult::UnknownNodeType) {
+        // Stops the process as the operator above does, in its words.
+        std::ostream nowhere(nullptr);
+        nowhere << static_cast<const DOMNode*>(document);
+    }
+    if (result != WriteResult::Written) return false;
+    bytes = writer.TakeBytes();
+    return true;
 }
 
 std::ostream& operator<<(std::ostream& out, const XMLCh* text) {

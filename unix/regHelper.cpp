@@ -359,6 +359,7 @@ public:
         Commit(count);
     }
     void Push(char c) { Append(&c, 1); }
+    void Reserve(size_t count) { Room(count); }
     const char* Data() const { return m_data.data(); }
     size_t Size() const { return m_used; }
     std::string Take() {
@@ -469,6 +470,7 @@ public:
 
     const CByteBuffer& Bytes() const { return m_out; }
 
+    void Reserve(size_t count) { m_out.Reserve(count); }
     std::string TakeBytes() { return m_out.Take(); }
 
 private:
@@ -626,6 +628,7 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
 
 bool WriteDocument(const DOMDocument* document, std::string& bytes) {
     CDocumentWriter writer(true);
+    writer.Reserve(SavedSubtrees::LastDocumentSize());
     const WriteResult result = writer.Write(document);
     if (result == WriteResult::UnknownNodeType) {
         // Stops the process as the operator above does, in its words.
@@ -634,6 +637,7 @@ bool WriteDocument(const DOMDocument* document, std::string& bytes) {
     }
     if (result != WriteResult::Written) return false;
     bytes = writer.TakeBytes();
+    SavedSubtrees::SetLastDocumentSize(bytes.size());
     return true;
 }
 

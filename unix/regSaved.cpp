@@ -10,6 +10,7 @@ namespace {
 
 const DOMDocument* s_pDocument = nullptr;
 std::unordered_map<const DOMNode*, std::string> s_saved;
+size_t s_nLastDocumentSize = 0;
 
 }  // namespace
 
@@ -18,6 +19,7 @@ namespace SavedSubtrees {
 void Attach(const DOMDocument* document) {
     s_saved = {};
     s_pDocument = document;
+    s_nLastDocumentSize = 0;
 }
 
 const std::string* Find(const DOMNode* element) {
@@ -41,5 +43,9 @@ void Released(const DOMNode* node) {
     // Its memory may come back as another node.
     if (!s_saved.empty()) s_saved.erase(node);
 }
+
+size_t LastDocumentSize() { return s_nLastDocumentSize; }
+
+void SetLastDocumentSize(size_t size) { s_nLastDocumentSize = size; }
 
 }  // namespace SavedSubtrees

@@ -28,6 +28,11 @@ void Changed(const xercesc::DOMNode* node);
 // `node` is about to be freed.
 void Released(const xercesc::DOMNode* node);
 
+// The size of the whole document as last written, so that the next write
+// makes its room once.
+size_t LastDocumentSize();
+void SetLastDocumentSize(size_t size);
+
 }  // namespace SavedSubtrees
 
 #endif

@@ -61,7 +61,7 @@ int CreateTemporary(const std::string& path, std::string& temporary) {
     return -1;
 }
 
-bool WriteAll(int fd, const std::string& bytes, off_t offset) {
+bool WriteAll(int fd, std::string_view bytes, off_t offset) {
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = pwrite(fd, bytes.data() + done, bytes.size() - done, offset + done);
@@ -256,7 +256,7 @@ void CRegistryFile::SignalSave() {
     if (m_pSaveCounter && m_bCounterWritable) RaiseSaveCounter(m_pSaveCounter);
 }
 
-HRESULT CRegistryFile::Write(const std::string& bytes) {
+HRESULT CRegistryFile::Write(std::string_view bytes) {
     std::string target;
     if (!SaveTarget(m_path, target)) return REGDB_E_WRITEREGDB;
     if (!m_bSwept) {
@@ -271,7 +271,7 @@ HRESULT CRegistryFile::Write(const std::string& bytes) {
     return hr;
 }
 
-HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, const std::string& bytes,
+HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, std::string_view bytes,
                                          bool& noTemporary) {
     struct stat original;
     const bool exists = stat(target.c_str(), &original) == 0;
@@ -301,7 +301,7 @@ HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, const std::s
 // The space is reserved first, so that a full disk or a size limit fails
 // before the old content is touched. A crash in the middle of this write
 // can still damage the file: there is no other way in such a directory.
-HRESULT CRegistryFile::WriteInPlace(const std::string& target, const std::string& bytes) {
+HRESULT CRegistryFile::WriteInPlace(const std::string& target, std::string_view bytes) {
     const int fd = open(target.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) return REGDB_E_WRITEREGDB;
     struct stat before;

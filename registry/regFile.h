@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "comBase.h"
 
@@ -95,7 +96,7 @@ public:
 
     // Replaces the file's content, or returns REGDB_E_WRITEREGDB with the file
     // as it was. See ReplaceAtomically and WriteInPlace.
-    HRESULT Write(const std::string& bytes);
+    HRESULT Write(std::string_view bytes);
 
     // Holds the lock that every process changing the registry takes, from
     // "is the file still the one I know" through the rename.
@@ -112,8 +113,8 @@ public:
 
 private:
     HRESULT CreateMissing(const std::string& initial);
-    HRESULT ReplaceAtomically(const std::string& target, const std::string& bytes, bool& noTemporary);
-    HRESULT WriteInPlace(const std::string& target, const std::string& bytes);
+    HRESULT ReplaceAtomically(const std::string& target, std::string_view bytes, bool& noTemporary);
+    HRESULT WriteInPlace(const std::string& target, std::string_view bytes);
     int LockDescriptor();
     void MapCounter();
 

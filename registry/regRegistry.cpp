@@ -9,8 +9,6 @@
 #include <cstring>
 #include <iterator>
 #include <new>
-#include <ostream>
-#include <streambuf>
 
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
@@ -176,7 +174,7 @@ HRESULT CXMLRegistry::Reload() {
 
 // Parses into a parser of its own, which replaces the live one only once it
 // holds a document. Every pointer into the old document dies with it.
-HRESULT CXMLRegistry::Parse(const std::string& content) {
+HRESULT CXMLRegistry::Parse(std::string_view content) {
     try {
         utlAutoPtr<xercesc::ErrorHandler> handler(new DOMErrorHandler(m_strFilePath));
         utlAutoPtr<xercesc::XercesDOMParser> parser(new CRegistryParser);
@@ -206,7 +204,7 @@ HRESULT CXMLRegistry::Parse(const std::string& content) {
 }
 
 HRESULT CXMLRegistry::UpdateRegistryOnDisk() {
-    std::string bytes;
+    std::string_view bytes;
     if (!WriteDocument(Document(), bytes)) return REGDB_E_WRITEREGDB;
     const HRESULT hr = m_spFile->Write(bytes);
     if (FAILED(hr)) return hr;

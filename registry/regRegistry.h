@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
@@ -85,7 +86,7 @@ private:
     template <class Apply>
     HRESULT Change(Apply apply);
     HRESULT Reload();
-    HRESULT Parse(const std::string& content);
+    HRESULT Parse(std::string_view content);
     xercesc::DOMNode* CurrentKey();
     xercesc::DOMNode* HiveRoot(unsigned int hive);
     HRESULT OpenHiveLocked(unsigned int hive);

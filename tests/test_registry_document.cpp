@@ -196,7 +196,7 @@ TEST_F(RegistryDocument, ANodeTypeWithoutWrittenFormStopsTheProcessInEveryBuild)
         "std::ostream& operator<<\\(std::ostream&, const xercesc_3_2::DOMNode\\*\\): Assertion `.*' failed";
     EXPECT_DEATH(Written(m_doc), message);
     EXPECT_DEATH(Written(static_cast<xercesc::DOMElement*>(m_root)->getAttributeNode(u"a")), message);
-    std::string bytes;
+    std::string_view bytes;
     EXPECT_DEATH(WriteDocument(m_doc, bytes), message);
 }
 
@@ -214,7 +214,7 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
     }
     Load(text + "</Wide></r>");
     SavedSubtrees::Attach(m_doc);
-    std::string bytes;
+    std::string_view bytes;
     ASSERT_TRUE(WriteDocument(m_doc, bytes));
     // The memory of a freed key comes back as the next key made.
     DOMNode* key = nullptr;

@@ -348,6 +348,10 @@ const struct CSpecialTable {
 // bytes are handed out whole, without a copy.
 class CByteBuffer {
 public:
+    CByteBuffer() = default;
+    // Writes into `room`, whose size is all room.
+    explicit CByteBuffer(std::string room) : m_data(std::move(room)) {}
+
     char* Room(size_t count) {
         if (m_data.size() - m_used < count) Grow(count);
         return m_data.data() + m_used;
@@ -359,14 +363,10 @@ public:
         Commit(count);
     }
     void Push(char c) { Append(&c, 1); }
-    void Reserve(size_t count) { Room(count); }
     const char* Data() const { return m_data.data(); }
     size_t Size() const { return m_used; }
-    std::string Take() {
-        m_data.resize(m_used);
-        m_used = 0;
-        return std::move(m_data);
-    }
+    // The whole buffer, room included; the bytes are the first Size().
+    std::string Take() { return std::move(m_data); }
 
 private:
     void Grow(size_t count) {
@@ -430,15 +430,18 @@ enum class WriteResult { Written, UnwritableText, UnknownNodeType };
 // of a large registry, each small, which together are nearly all of it.
 class CDocumentWriter {
 public:
-    explicit CDocumentWriter(bool reuseSaved) : m_reuseSaved(reuseSaved) {}
+    CDocumentWriter() : m_reuseSaved(false) {}
+    // Writes the registry's document into `room`, reusing kept bytes.
+    explicit CDocumentWriter(std::string room) : m_reuseSaved(true), m_out(std::move(room)) {}
 
     WriteResult Write(const DOMNode* root) {
         const DOMNode* node = root;
         for (;;) {
             const size_t start = m_out.Size();
             const bool saves = Saves(node);
-            if (const std::string* saved = saves ? SavedSubtrees::Find(node) : nullptr) {
-                m_out.Append(saved->data(), saved->size());
+            const std::string_view saved = saves ? SavedSubtrees::Reuse(node, start) : std::string_view();
+            if (!saved.empty()) {
+                m_out.Append(saved.data(), saved.size());
             } else {
                 bool descend = false;
                 if (!Open(node, descend)) return WriteResult::UnknownNodeType;
@@ -470,8 +473,8 @@ public:
 
     const CByteBuffer& Bytes() const { return m_out; }
 
-    void Reserve(size_t count) { m_out.Reserve(count); }
-    std::string TakeBytes() { return m_out.Take(); }
+    size_t Size() const { return m_out.Size(); }
+    std::string TakeBuffer() { return m_out.Take(); }
 
 private:
     // Room made before each text, so that names and values of usual length
@@ -495,8 +498,7 @@ private:
 
     // Bytes that hold unwritable text are never kept: the save fails.
     void Save(const DOMNode* element, size_t start) {
-        if (m_textWritable)
-            SavedSubtrees::Store(element, std::string_view(m_out.Data() + start, m_out.Size() - start));
+        if (m_textWritable) SavedSubtrees::Store(element, start, m_out.Size() - start);
     }
 
     // Writes what comes before the node's children; `descend` tells whether
@@ -602,8 +604,8 @@ private:
     }
 
     const bool m_reuseSaved;
-    std::vector<COpen> m_open;
     CByteBuffer m_out;
+    std::vector<COpen> m_open;
     bool m_textWritable = true;
 };
 
@@ -614,7 +616,7 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
         out.setstate(std::ios::badbit);
         return out;
     }
-    CDocumentWriter writer(false);
+    CDocumentWriter writer;
     const WriteResult result = writer.Write(node);
     const bool nodeTypeWritable = result != WriteResult::UnknownNodeType;
     REG_ASSERT(nodeTypeWritable);
@@ -626,18 +628,20 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
     return out.write(writer.Bytes().Data(), static_cast<std::streamsize>(writer.Bytes().Size()));
 }
 
-bool WriteDocument(const DOMDocument* document, std::string& bytes) {
-    CDocumentWriter writer(true);
-    writer.Reserve(SavedSubtrees::LastDocumentSize());
+bool WriteDocument(const DOMDocument* document, std::string_view& bytes) {
+    CDocumentWriter writer(SavedSubtrees::TakeBuffer());
     const WriteResult result = writer.Write(document);
     if (result == WriteResult::UnknownNodeType) {
         // Stops the process as the operator above does, in its words.
         std::ostream nowhere(nullptr);
         nowhere << static_cast<const DOMNode*>(document);
     }
-    if (result != WriteResult::Written) return false;
-    bytes = writer.TakeBytes();
-    SavedSubtrees::SetLastDocumentSize(bytes.size());
+    if (result != WriteResult::Written) {
+        SavedSubtrees::Abandon(writer.TakeBuffer());
+        return false;
+    }
+    const size_t size = writer.Size();
+    bytes = SavedSubtrees::Finish(writer.TakeBuffer(), size);
     return true;
 }
 

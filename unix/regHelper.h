@@ -11,6 +11,7 @@
 
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMNode.hpp>
@@ -70,11 +71,11 @@ int DeleteValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* n
 // nothing and sets the stream's bad bit. A node type that has no written
 // form stops the process.
 std::ostream& operator<<(std::ostream& out, const xercesc::DOMNode* node);
-// Writes the registry's document as the operator above does, into `bytes`,
-// reusing the bytes last written for subtrees that have not changed since;
-// false, with `bytes` as it was, when the document holds text that cannot
-// be written.
-bool WriteDocument(const xercesc::DOMDocument* document, std::string& bytes);
+// Writes the registry's document as the operator above does, reusing the
+// bytes last written for subtrees that have not changed since; `bytes`
+// views them until the next call. False, with `bytes` as it was, when the
+// document holds text that cannot be written.
+bool WriteDocument(const xercesc::DOMDocument* document, std::string_view& bytes);
 // Writes text as the writer above writes text content; text that cannot be
 // written writes nothing and sets the stream's bad bit.
 std::ostream& operator<<(std::ostream& out, const XMLCh* text);

@@ -3,35 +3,42 @@
 #ifndef VELTCOM_UNIX_REGSAVED_H
 #define VELTCOM_UNIX_REGSAVED_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMNode.hpp>
 
-// Serves one document, the registry's. Every change to the document goes
-// through the notices below, so that no saved bytes ever differ from what
-// the writer would write now. Callers serialise their use, as they do every
-// operation on the document.
+// Serves one document, the registry's. The bytes of the last save are kept
+// whole, and a subtree's bytes are found in them by its element. Every
+// change to the document goes through the notices below, so that no kept
+// bytes ever differ from what the writer would write now. Callers serialise
+// their use, as they do every operation on the document.
 namespace SavedSubtrees {
 
 // Starts over for a new document; null for none.
 void Attach(const xercesc::DOMDocument* document);
 
-// The bytes `element` was last written as; null when unknown or stale.
-const std::string* Find(const xercesc::DOMNode* element);
-void Store(const xercesc::DOMNode* element, std::string_view bytes);
+// A save writes into the buffer handed out here; its size is room, not
+// content, and it keeps the capacity of an earlier save.
+std::string TakeBuffer();
+// The bytes `element` was written as by the last save, now recorded as
+// written again at `offset` of the save in progress; empty when unknown.
+std::string_view Reuse(const xercesc::DOMNode* element, size_t offset);
+// `element` was written anew as `length` bytes at `offset`.
+void Store(const xercesc::DOMNode* element, size_t offset, size_t length);
+// Ends the save in progress, whose document is the first `length` bytes of
+// `buffer`; they stay valid until the next save ends.
+std::string_view Finish(std::string&& buffer, size_t length);
+// Ends the save in progress without a document: nothing is kept.
+void Abandon(std::string&& buffer);
 
 // Something in the subtree of `node` changed: its bytes and those of every
 // node above it are stale.
 void Changed(const xercesc::DOMNode* node);
 // `node` is about to be freed.
 void Released(const xercesc::DOMNode* node);
-
-// The size of the whole document as last written, so that the next write
-// makes its room once.
-size_t LastDocumentSize();
-void SetLastDocumentSize(size_t size);
 
 }  // namespace SavedSubtrees
 

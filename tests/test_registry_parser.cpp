@@ -9,6 +9,7 @@
 #include <xercesc/sax/HandlerBase.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include "domDescription.h"
 #include "unix/regHelper.h"
 #include "unix/regParser.h"
 
@@ -21,39 +22,6 @@ protected:
     static void SetUpTestSuite() { XMLPlatformUtils::Initialize(); }
     static void TearDownTestSuite() { XMLPlatformUtils::Terminate(); }
 };
-
-std::string Narrow(const XMLCh* text) {
-    std::string out;
-    for (; text && *text; ++text) out += *text < 0x80 ? static_cast<char>(*text) : '?';
-    return out;
-}
-
-// Everything a document says, with every link checked from both ends.
-void Describe(const DOMNode* node, std::string& out) {
-    out += std::to_string(node->getNodeType()) + "<" + Narrow(node->getNodeName()) + ">";
-    if (node->getNodeValue()) out += "=" + Narrow(node->getNodeValue());
-    if (const DOMNamedNodeMap* attributes = node->getAttributes()) {
-        for (XMLSize_t i = 0; i < attributes->getLength(); ++i) {
-            const DOMAttr* attribute = static_cast<const DOMAttr*>(attributes->item(i));
-            out += attribute->getSpecified() ? " @" : " default@";
-            EXPECT_EQ(attribute->getOwnerElement(), node);
-            Describe(attribute, out);
-        }
-    }
-    out += "(";
-    const DOMNode* previous = nullptr;
-    for (const DOMNode* child = node->getFirstChild(); child; child = child->getNextSibling()) {
-        EXPECT_EQ(child->getParentNode(), node);
-        EXPECT_EQ(child->getPreviousSibling(), previous);
-        EXPECT_EQ(child->getOwnerDocument(), node->getNodeType() == DOMNode::DOCUMENT_NODE
-                                                 ? node
-                                                 : node->getOwnerDocument());
-        Describe(child, out);
-        previous = child;
-    }
-    EXPECT_EQ(node->getLastChild(), previous);
-    out += ")";
-}
 
 struct CParsed {
     std::string description;
@@ -70,7 +38,7 @@ CParsed Parse(XercesDOMParser& parser, const std::string& text) {
     } catch (const SAXParseException&) {
         parsed.failed = true;
     }
-    if (parser.getDocument()) Describe(parser.getDocument(), parsed.description);
+    parsed.description = Described(parser.getDocument());
     return parsed;
 }
 
@@ -147,9 +115,7 @@ TEST_F(ParserTest, DirectlyBuiltDocumentTakesEdits) {
         b->removeAttribute(u"k");
         b->setAttribute(u"m", u"n");
         root->removeChild(root->getLastChild()->getPreviousSibling())->release();
-        std::string& out = own ? actual : expected;
-        Describe(document, out);
-        out += Serialized(document);
+        (own ? actual : expected) = Described(document) + Serialized(document);
     }
     EXPECT_EQ(actual, expected);
 }

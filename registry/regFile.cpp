@@ -201,6 +201,10 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
         if (fd < 0) return E_FAIL;
     }
     content.clear();
+    // Room for the whole file at once: growing by appends would copy a large
+    // registry over and over.
+    struct stat info;
+    if (fstat(fd, &info) == 0 && info.st_size > 0) content.reserve(static_cast<size_t>(info.st_size));
     char chunk[1 << 16];
     ssize_t n;
     while ((n = read(fd, chunk, sizeof chunk)) != 0) {
@@ -209,7 +213,6 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
         if (n < 0) break;
         content.append(chunk, static_cast<size_t>(n));
     }
-    struct stat info;
     const bool read = n == 0 && fstat(fd, &info) == 0;
     close(fd);
     if (!read) return E_FAIL;

@@ -216,9 +216,10 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
     SavedSubtrees::Attach(m_doc);
     std::string_view bytes;
     ASSERT_TRUE(WriteDocument(m_doc, bytes));
-    // The memory of a freed key comes back as the next key made.
+    // The memory of a freed key comes back as the next key made, in the
+    // place the freed one had.
     DOMNode* key = nullptr;
-    ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K40"));
+    ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K59"));
     ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\Fresh", &key));
     ASSERT_TRUE(WriteDocument(m_doc, bytes));
     ASSERT_EQ(bytes, Written(m_doc));

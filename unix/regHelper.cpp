@@ -445,12 +445,13 @@ public:
             } else {
                 bool descend = false;
                 if (!Open(node, descend)) return WriteResult::UnknownNodeType;
+                const size_t begun = saves ? SavedSubtrees::Begin(node, start) : kNotSaved;
                 if (descend) {
-                    m_open.push_back({node, 0, saves ? start : kNotSaved});
+                    m_open.push_back({node, 0, begun});
                     node = node->getFirstChild();
                     continue;
                 }
-                if (saves) Save(node, start);
+                if (saves) SavedSubtrees::End(begun, m_out.Size());
             }
             // Close every node whose subtree is done, up to one with a next
             // sibling.
@@ -466,7 +467,7 @@ public:
                 m_open.pop_back();
                 node = parent.node;
                 Close(node);
-                if (parent.start != kNotSaved) Save(node, parent.start);
+                if (parent.begun != kNotSaved) SavedSubtrees::End(parent.begun, m_out.Size());
             }
         }
     }
@@ -488,17 +489,12 @@ private:
     struct COpen {
         const DOMNode* node;
         size_t children;  // written so far
-        size_t start;     // of its bytes, when they are to be saved
+        size_t begun;     // its kept bytes' number, when they are kept
     };
 
     bool Saves(const DOMNode* node) const {
         return m_reuseSaved && !m_open.empty() && m_open.back().children >= kSavedFrom &&
                node->getNodeType() == DOMNode::ELEMENT_NODE;
-    }
-
-    // Bytes that hold unwritable text are never kept: the save fails.
-    void Save(const DOMNode* element, size_t start) {
-        if (m_textWritable) SavedSubtrees::Store(element, start, m_out.Size() - start);
     }
 
     // Writes what comes before the node's children; `descend` tells whether

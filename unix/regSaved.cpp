@@ -1,8 +1,8 @@
-// The kept bytes of subtrees: where in the last save's document each one
-// lies, in a table addressed by its element.
+// The kept bytes of subtrees, listed in the order the writer comes to them.
 #include "regSaved.h"
 
-#include <cstdint>
+#include <algorithm>
+#include <unordered_set>
 #include <vector>
 
 using xercesc::DOMDocument;
@@ -10,96 +10,49 @@ using xercesc::DOMNode;
 
 namespace {
 
-// Where a subtree's bytes lie in the document of save number `save`.
+// A subtree's bytes in a save's document, and how many of the entries that
+// follow lie inside it.
 struct CEntry {
     const DOMNode* node;
-    uint64_t save;
     size_t offset;
     size_t length;
+    size_t inside;
 };
 
-// An open-addressed table: a save looks up every child of every wide key,
-// tens of thousands of look-ups where a node-based map would miss the
-// cache twice on each.
-class CEntryTable {
-public:
-    CEntry* Find(const DOMNode* node) {
-        if (m_slots.empty()) return nullptr;
-        for (size_t i = Home(node);; i = Next(i)) {
-            CEntry& slot = m_slots[i];
-            if (slot.node == node) return &slot;
-            if (!slot.node) return nullptr;
-        }
-    }
-
-    CEntry& Insert(const DOMNode* node) {
-        if (CEntry* found = Find(node)) return *found;
-        if ((m_occupied + 1) * 10 > m_slots.size() * 7) Rebuild();
-        size_t i = Home(node);
-        while (m_slots[i].node && m_slots[i].node != Removed()) i = Next(i);
-        if (!m_slots[i].node) ++m_occupied;
-        m_slots[i] = {node, 0, 0, 0};
-        return m_slots[i];
-    }
-
-    void Erase(const DOMNode* node) {
-        if (CEntry* found = Find(node)) found->node = Removed();
-    }
-
-    // Entries older than `oldest` are dropped whenever the table is rebuilt.
-    void Clear(uint64_t oldest) {
-        m_slots.clear();
-        m_occupied = 0;
-        m_oldest = oldest;
-    }
-    void DropBefore(uint64_t oldest) { m_oldest = oldest; }
-
-private:
-    static const DOMNode* Removed() { return reinterpret_cast<const DOMNode*>(uintptr_t(1)); }
-    bool Keeps(const CEntry& entry) const {
-        return entry.node && entry.node != Removed() && entry.save >= m_oldest;
-    }
-
-    // The high bits of a multiplicative hash spread nodes that lie at
-    // regular distances from each other.
-    size_t Home(const DOMNode* node) const {
-        return static_cast<size_t>((reinterpret_cast<uintptr_t>(node) * 0x9E3779B97F4A7C15ull) >> m_shift);
-    }
-    size_t Next(size_t i) const { return (i + 1) & (m_slots.size() - 1); }
-
-    // Keeps the live entries, in a table at most half full.
-    void Rebuild() {
-        std::vector<CEntry> old;
-        old.swap(m_slots);
-        size_t live = 0;
-        for (const CEntry& entry : old)
-            if (Keeps(entry)) ++live;
-        m_shift = 64 - 6;
-        while ((size_t(1) << (64 - m_shift)) < live * 2 + 2) --m_shift;
-        m_slots.assign(size_t(1) << (64 - m_shift), CEntry{nullptr, 0, 0, 0});
-        m_occupied = 0;
-        for (const CEntry& entry : old) {
-            if (!Keeps(entry)) continue;
-            size_t i = Home(entry.node);
-            while (m_slots[i].node) i = Next(i);
-            m_slots[i] = entry;
-            ++m_occupied;
-        }
-    }
-
-    std::vector<CEntry> m_slots;  // a power of two of them
-    unsigned m_shift = 64;        // 64 less the power
-    size_t m_occupied = 0;        // by entries, removed ones included
-    uint64_t m_oldest = 0;
-};
+// A save that finds its next node a few entries further on skips those:
+// their nodes went, or no longer have their bytes kept.
+const size_t kLookAhead = 8;
 
 const DOMDocument* s_pDocument = nullptr;
-CEntryTable s_entries;
-// The number of the last save ended; entries of that save are usable.
-uint64_t s_nSave = 0;
-// The last save's document, and a buffer for the next save to write into.
+// The last save's document and its entries; those of the save in progress;
+// the next entry of the last save that the one in progress may reuse.
 std::string s_last;
+std::vector<CEntry> s_lastEntries;
 std::string s_spare;
+std::vector<CEntry> s_entries;
+size_t s_nNext = 0;
+// Nodes changed or freed since the last save: their entries are stale. A
+// freed node's memory may come back as another node.
+std::unordered_set<const DOMNode*> s_stale;
+
+void Forget() {
+    s_lastEntries.clear();
+    s_entries.clear();
+    s_stale.clear();
+    s_nNext = 0;
+}
+
+bool Reusable(const CEntry& entry) { return s_stale.empty() || !s_stale.count(entry.node); }
+
+// Copies the entry at `at` and those inside it, now at `offset`.
+void Carry(size_t at, size_t offset) {
+    const size_t shift = offset - s_lastEntries[at].offset;
+    for (size_t i = at; i <= at + s_lastEntries[at].inside; ++i) {
+        CEntry entry = s_lastEntries[i];
+        entry.offset += shift;
+        s_entries.push_back(entry);
+    }
+}
 
 }  // namespace
 
@@ -107,44 +60,66 @@ namespace SavedSubtrees {
 
 void Attach(const DOMDocument* document) {
     s_pDocument = document;
-    s_entries.Clear(++s_nSave);
+    Forget();
 }
 
-std::string TakeBuffer() { return std::move(s_spare); }
+std::string TakeBuffer() {
+    s_entries.clear();
+    s_nNext = 0;
+    return std::move(s_spare);
+}
 
 std::string_view Reuse(const DOMNode* element, size_t offset) {
-    CEntry* entry = s_entries.Find(element);
-    if (!entry || entry->save != s_nSave) return {};
-    const std::string_view bytes(s_last.data() + entry->offset, entry->length);
-    entry->save = s_nSave + 1;
-    entry->offset = offset;
-    return bytes;
+    const size_t end = std::min(s_lastEntries.size(), s_nNext + kLookAhead);
+    for (size_t at = s_nNext; at < end; ++at) {
+        const CEntry& entry = s_lastEntries[at];
+        if (entry.node != element) continue;
+        // A changed element is written anew: the entries inside it come next.
+        if (!Reusable(entry)) {
+            s_nNext = at + 1;
+            return {};
+        }
+        Carry(at, offset);
+        s_nNext = at + 1 + entry.inside;
+        return std::string_view(s_last.data() + entry.offset, entry.length);
+    }
+    return {};
 }
 
-void Store(const DOMNode* element, size_t offset, size_t length) {
-    if (!s_pDocument || element->getOwnerDocument() != s_pDocument) return;
-    s_entries.Insert(element) = {element, s_nSave + 1, offset, length};
+size_t Begin(const DOMNode* element, size_t offset) {
+    s_entries.push_back({element, offset, 0, 0});
+    return s_entries.size() - 1;
+}
+
+void End(size_t begun, size_t offset) {
+    CEntry& entry = s_entries[begun];
+    entry.length = offset - entry.offset;
+    entry.inside = s_entries.size() - begun - 1;
 }
 
 std::string_view Finish(std::string&& buffer, size_t length) {
     s_spare = std::move(s_last);
     s_last = std::move(buffer);
-    // Entries the save did not reach point into the bytes just given up.
-    s_entries.DropBefore(++s_nSave);
+    s_lastEntries.swap(s_entries);
+    s_entries.clear();
+    s_stale.clear();
+    s_nNext = 0;
     return std::string_view(s_last.data(), length);
 }
 
 void Abandon(std::string&& buffer) {
     s_spare = std::move(buffer);
-    // Reused entries now point into the abandoned buffer.
-    s_entries.Clear(s_nSave);
+    Forget();
 }
 
 void Changed(const DOMNode* node) {
+    if (s_lastEntries.empty()) return;
     for (; node; node = node->getParentNode())
-        s_entries.Erase(node);
+        s_stale.insert(node);
 }
 
-void Released(const DOMNode* node) { s_entries.Erase(node); }
+void Released(const DOMNode* node) {
+    if (!s_lastEntries.empty()) s_stale.insert(node);
+}
 
 }  // namespace SavedSubtrees

@@ -11,23 +11,28 @@
 #include <xercesc/dom/DOMNode.hpp>
 
 // Serves one document, the registry's. The bytes of the last save are kept
-// whole, and a subtree's bytes are found in them by its element. Every
-// change to the document goes through the notices below, so that no kept
-// bytes ever differ from what the writer would write now. Callers serialise
-// their use, as they do every operation on the document.
+// whole, with a list of the subtrees in them in the order the writer came to
+// them; the next save, walking the document in the same order, finds each
+// unchanged subtree where the list stands. Every change to the document goes
+// through the notices below, so that no kept bytes ever differ from what the
+// writer would write now. Callers serialise their use, as they do every
+// operation on the document.
 namespace SavedSubtrees {
 
 // Starts over for a new document; null for none.
 void Attach(const xercesc::DOMDocument* document);
 
-// A save writes into the buffer handed out here; its size is room, not
-// content, and it keeps the capacity of an earlier save.
+// Starts a save, which writes into the buffer handed out here; its size is
+// room, not content, and it keeps the capacity of an earlier save.
 std::string TakeBuffer();
 // The bytes `element` was written as by the last save, now recorded as
 // written again at `offset` of the save in progress; empty when unknown.
 std::string_view Reuse(const xercesc::DOMNode* element, size_t offset);
-// `element` was written anew as `length` bytes at `offset`.
-void Store(const xercesc::DOMNode* element, size_t offset, size_t length);
+// `element` is written anew from `offset`; End, given the number Begin
+// returns, records where its bytes end. Subtrees begun inside it are
+// recorded inside it.
+size_t Begin(const xercesc::DOMNode* element, size_t offset);
+void End(size_t begun, size_t offset);
 // Ends the save in progress, whose document is the first `length` bytes of
 // `buffer`; they stay valid until the next save ends.
 std::string_view Finish(std::string&& buffer, size_t length);

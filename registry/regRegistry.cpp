@@ -49,6 +49,9 @@ const XMLCh kDword[] = u"dword";
 // saves it is parsed anew from the bytes just written, which leaves none.
 const unsigned int kChangesBeforeCompaction = 2048;
 
+// From this size on a document's memory is taken in huge runs.
+const size_t kLargeDocument = size_t(1) << 20;
+
 // The calling thread's position in the document: the node, the generation
 // of the document it was found in, and its path from the document node.
 struct CCurrentKey {
@@ -177,7 +180,7 @@ HRESULT CXMLRegistry::Reload() {
 HRESULT CXMLRegistry::Parse(std::string_view content) {
     try {
         utlAutoPtr<xercesc::ErrorHandler> handler(new DOMErrorHandler(m_strFilePath));
-        utlAutoPtr<xercesc::XercesDOMParser> parser(new CRegistryParser);
+        utlAutoPtr<xercesc::XercesDOMParser> parser(new CRegistryParser(content.size() >= kLargeDocument));
         parser->setErrorHandler(handler.Get());
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(content.data()),
                                           content.size(), "REGISTRY", false);

@@ -1,6 +1,8 @@
 // The registry's document parser.
 #include "regParser.h"
 
+#include <algorithm>
+
 #include <xercesc/dom/DOMException.hpp>
 #include <xercesc/dom/DOMText.hpp>
 #include <xercesc/dom/impl/DOMAttrImpl.hpp>
@@ -10,7 +12,10 @@
 #include <xercesc/dom/impl/DOMNodeBase.hpp>
 #include <xercesc/framework/XMLAttr.hpp>
 #include <xercesc/internal/XMLScanner.hpp>
+#include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
+
+#include <sys/mman.h>
 
 using namespace xercesc;
 
@@ -72,6 +77,55 @@ void CNodeLinks::Append(DOMNode* parent, DOMNode* child) {
         childLinks->previousSibling = child;
     }
 }
+
+namespace {
+
+// Requests from this size on are cut from runs; the document asks for its
+// node storage in blocks of 16 kB and more.
+const size_t kFromRunsAt = 1 << 14;
+// Huge pages are this size and alignment.
+const size_t kHugePage = size_t(1) << 21;
+const size_t kRunSize = 8 * kHugePage;
+
+}  // namespace
+
+CDocumentArena::~CDocumentArena() {
+    for (const CRun& run : m_runs) munmap(run.start, run.size);
+}
+
+MemoryManager* CDocumentArena::getExceptionMemoryManager() { return XMLPlatformUtils::fgMemoryManager; }
+
+void* CDocumentArena::allocate(XMLSize_t size) {
+    if (!m_bLarge || size < kFromRunsAt) return XMLPlatformUtils::fgMemoryManager->allocate(size);
+    size = (size + 63) & ~size_t(63);
+    if (size > m_nFree) {
+        // Mapped a huge page larger, so that the run can start on one.
+        const size_t length = std::max(kRunSize, (size + kHugePage - 1) & ~(kHugePage - 1));
+        void* mapped = mmap(nullptr, length + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (mapped == MAP_FAILED) throw OutOfMemoryException();
+        m_runs.push_back({static_cast<char*>(mapped), length + kHugePage});
+        m_pFree = reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(mapped) + kHugePage - 1) & ~(kHugePage - 1));
+        m_nFree = length;
+        madvise(m_pFree, length, MADV_HUGEPAGE);
+    }
+    void* block = m_pFree;
+    m_pFree += size;
+    m_nFree -= size;
+    return block;
+}
+
+bool CDocumentArena::Owns(const void* p) const {
+    for (const CRun& run : m_runs)
+        if (p >= run.start && p < run.start + run.size) return true;
+    return false;
+}
+
+void CDocumentArena::deallocate(void* p) {
+    if (p && !Owns(p)) XMLPlatformUtils::fgMemoryManager->deallocate(p);
+}
+
+CRegistryParser::CRegistryParser(bool large)
+    : CDocumentArena(large), XercesDOMParser(nullptr, static_cast<CDocumentArena*>(this)) {}
 
 void CRegistryParser::startDocument() {
     XercesDOMParser::startDocument();

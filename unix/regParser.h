@@ -11,6 +11,7 @@
 #include <xercesc/dom/impl/DOMChildNode.hpp>
 #include <xercesc/dom/impl/DOMNodeImpl.hpp>
 #include <xercesc/dom/impl/DOMParentNode.hpp>
+#include <xercesc/framework/MemoryManager.hpp>
 #include <xercesc/framework/XMLElementDecl.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
 
@@ -40,13 +41,49 @@ private:
     std::vector<CLayout> m_layouts;
 };
 
+// The memory of a large document's parse. Its node storage comes in large
+// blocks, which are cut from big runs of memory that the kernel may back with
+// huge pages: a page fault for every 4 kB of a document of tens of
+// megabytes costs a third of its load. Blocks given back are kept until the
+// whole document goes, as the document itself does with its nodes; smaller
+// requests go to the XML library's own memory manager.
+class CDocumentArena : public xercesc::MemoryManager {
+public:
+    explicit CDocumentArena(bool large) : m_bLarge(large) {}
+    ~CDocumentArena() override;
+    CDocumentArena(const CDocumentArena&) = delete;
+    CDocumentArena& operator=(const CDocumentArena&) = delete;
+
+    xercesc::MemoryManager* getExceptionMemoryManager() override;
+    void* allocate(XMLSize_t size) override;
+    void deallocate(void* p) override;
+
+private:
+    struct CRun {
+        char* start;
+        size_t size;
+    };
+    bool Owns(const void* p) const;
+
+    const bool m_bLarge;
+    std::vector<CRun> m_runs;
+    char* m_pFree = nullptr;
+    size_t m_nFree = 0;
+};
+
 // Parses exactly as xerces' DOM parser does, into the same kinds of nodes.
 // For a document without a document type, elements and attributes are
 // linked through CNodeLinks, and an element's name is stored once per
 // distinct name instead of going through the document's name pool, whose
 // fixed-size table turns every new name into a walk of a long chain. Any
 // other document is built by xerces' own code throughout.
-class CRegistryParser : public xercesc::XercesDOMParser {
+//
+// `large` asks for the memory of a large document: see CDocumentArena,
+// which is a base so that it outlives the parser's own destruction.
+class CRegistryParser : private CDocumentArena, public xercesc::XercesDOMParser {
+public:
+    explicit CRegistryParser(bool large);
+
 protected:
     void startDocument() override;
     void endDocument() override;

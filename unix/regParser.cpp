@@ -144,14 +144,21 @@ bool CRegistryParser::BuildsDirectly() const {
     return !fDocumentType && !fScanner->getDoNamespaces() && !fCreateSchemaInfo && !fDoXInclude;
 }
 
-DOMElement* CRegistryParser::CreateElement(const XMLElementDecl& decl) {
+// The scanner numbers element names one by one as it meets them; a number
+// far beyond those seen, as a declaration left unnumbered has, is no index.
+const XMLCh* CRegistryParser::ElementName(const XMLElementDecl& decl) {
     const XMLSize_t id = decl.getId();
+    if (id > m_names.size() + kNamesAhead) return fDocument->cloneString(decl.getFullName());
     if (id >= m_names.size()) m_names.resize(id + 1);
     std::pair<const XMLElementDecl*, const XMLCh*>& name = m_names[id];
     if (name.first != &decl) name = {&decl, fDocument->cloneString(decl.getFullName())};
+    return name.second;
+}
+
+DOMElement* CRegistryParser::CreateElement(const XMLElementDecl& decl) {
     DOMElementImpl* element =
         new (fDocument, DOMMemoryManager::ELEMENT_OBJECT) DOMElementImpl(fDocument, kPlaceholderName);
-    element->fName = name.second;
+    element->fName = ElementName(decl);
     return element;
 }
 

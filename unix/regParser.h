@@ -96,10 +96,12 @@ protected:
 private:
     bool BuildsDirectly() const;
     xercesc::DOMElement* CreateElement(const xercesc::XMLElementDecl& decl);
+    const XMLCh* ElementName(const xercesc::XMLElementDecl& decl);
 
     CNodeLinks m_links;
     // The document's copy of each element name, by the scanner's number
     // for its declaration; kept for one parse.
+    static const size_t kNamesAhead = 1024;
     std::vector<std::pair<const xercesc::XMLElementDecl*, const XMLCh*>> m_names;
 };
 

@@ -200,11 +200,17 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
         fd = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) return E_FAIL;
     }
-    content.clear();
-    // Room for the whole file at once: growing by appends would copy a large
-    // registry over and over.
+    // Looked at before the read, so that a change made while it reads makes
+    // the file look changed; and the room for the whole file is made at
+    // once, since growing by appends would copy a large registry over and
+    // over.
     struct stat info;
-    if (fstat(fd, &info) == 0 && info.st_size > 0) content.reserve(static_cast<size_t>(info.st_size));
+    if (fstat(fd, &info) != 0) {
+        close(fd);
+        return E_FAIL;
+    }
+    content.clear();
+    content.reserve(static_cast<size_t>(info.st_size));
     char chunk[1 << 16];
     ssize_t n;
     while ((n = read(fd, chunk, sizeof chunk)) != 0) {
@@ -213,9 +219,8 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
         if (n < 0) break;
         content.append(chunk, static_cast<size_t>(n));
     }
-    const bool read = n == 0 && fstat(fd, &info) == 0;
     close(fd);
-    if (!read) return E_FAIL;
+    if (n != 0) return E_FAIL;
     m_known = CFileIdentity::Of(info);
     m_nSavesSeen = saves;
     m_nLookedAt = CoarseMilliseconds();

@@ -1,8 +1,6 @@
 // The registry's document parser.
 #include "regParser.h"
 
-#include <algorithm>
-
 #include <xercesc/dom/DOMException.hpp>
 #include <xercesc/dom/DOMText.hpp>
 #include <xercesc/dom/impl/DOMAttrImpl.hpp>
@@ -95,18 +93,21 @@ CDocumentArena::~CDocumentArena() {
 
 MemoryManager* CDocumentArena::getExceptionMemoryManager() { return XMLPlatformUtils::fgMemoryManager; }
 
+// Requests larger than a run, which no document block is, go elsewhere too:
+// no size can overflow the rounding below.
 void* CDocumentArena::allocate(XMLSize_t size) {
-    if (!m_bLarge || size < kFromRunsAt) return XMLPlatformUtils::fgMemoryManager->allocate(size);
+    if (!m_bLarge || size < kFromRunsAt || size > kRunSize)
+        return XMLPlatformUtils::fgMemoryManager->allocate(size);
     size = (size + 63) & ~size_t(63);
     if (size > m_nFree) {
         // Mapped a huge page larger, so that the run can start on one.
-        const size_t length = std::max(kRunSize, (size + kHugePage - 1) & ~(kHugePage - 1));
-        void* mapped = mmap(nullptr, length + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        const size_t length = kRunSize + kHugePage;
+        void* mapped = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (mapped == MAP_FAILED) throw OutOfMemoryException();
-        m_runs.push_back({static_cast<char*>(mapped), length + kHugePage});
+        m_runs.push_back({static_cast<char*>(mapped), length});
         m_pFree = reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(mapped) + kHugePage - 1) & ~(kHugePage - 1));
-        m_nFree = length;
-        madvise(m_pFree, length, MADV_HUGEPAGE);
+        m_nFree = kRunSize;
+        madvise(m_pFree, kRunSize, MADV_HUGEPAGE);
     }
     void* block = m_pFree;
     m_pFree += size;

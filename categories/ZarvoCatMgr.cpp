@@ -3,7 +3,7 @@
 #include <new>
 
 #include "categoriesInternal.h"
-#include "core/coreInternal.h"
+#include "baseInternal.h"
 
 namespace {
 // The key below the classes root that holds every category.

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "categoriesInternal.h"
-#include "core/coreInternal.h"
+#include "baseInternal.h"
 
 namespace {
 

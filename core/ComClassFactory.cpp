@@ -14,10 +14,9 @@
 
 #include "coreInternal.h"
 #include "libraryTrust.h"
-#include "categories/categoriesInternal.h"
-#include "memory/memoryInternal.h"
-#include "registry/regRegistry.h"
-#include "unix/regIndex.h"
+#include "categoriesInternal.h"
+#include "memoryInternal.h"
+#include "regRegistry.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
 // The binder of "hresult:" monikers: turns a facility number, optionally
-// followed by "!" and data, into the decoder registered for that facility.
+// followed by "!" and data, into the decoder registered for that facility;
+// and status decoding, which reaches such decoders through it.
 #include <cwchar>
 #include <new>
 #include <string>
@@ -111,4 +112,35 @@ HRESULT CHResultDecoderBinder::BindToObject(wchar_t* name, const COM_GUID& iid, 
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }
+}
+
+namespace {
+
+// Codes of the higher facilities go to the decoder registered for the
+// facility, found through the moniker "hresult:<facility in hexadecimal>".
+HRESULT DecodeByRegisteredDecoder(int hr, wchar_t** text) {
+    wchar_t name[24];
+    std::swprintf(name, sizeof name / sizeof name[0], L"hresult:%X",
+                  (static_cast<uint32_t>(hr) >> 16) & 0x1FFF);
+    unsigned long eaten = 0;
+    utlAutoIf<COM_IMoniker, &COM_IID_IMoniker> moniker;
+    HRESULT result = COM_MkParseName(name, &eaten, moniker.Out());
+    if (FAILED(result)) return result;
+    const unsigned long length = std::wcslen(name);
+    utlAutoIf<COM_IDecodeHResult, &COM_IID_IDecodeHResult> decoder;
+    result = moniker->BindToObject(name + (eaten < length ? eaten : length),
+                                   COM_IID_IDecodeHResult, decoder.OutVoid());
+    if (FAILED(result)) return result;
+    // The binder has no decoder to offer: the generic text stands in.
+    if (result == S_FALSE) return DecodeBuiltInHRESULT(hr, text);
+    // Decoders always see flags 0, whatever the caller passed.
+    return decoder->DecodeHResult(hr, 0, text);
+}
+
+}  // namespace
+
+HRESULT CComPlatformUtils::COM_DecodeHRESULT(int hr, unsigned int, wchar_t** text) {
+    if (!text) return E_POINTER;
+    if (IsBuiltInFacility(hr)) return DecodeBuiltInHRESULT(hr, text);
+    return DecodeByRegisteredDecoder(hr, text);
 }

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "memory/memoryInternal.h"
+#include "memoryInternal.h"
 
 // ---- CStandardAllocationStrategy -------------------------------------------
 

@@ -3,7 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "memory/memoryInternal.h"
+#include "memoryInternal.h"
 
 extern "C" {
 const wchar_t g_wszMeArenaCreating[] = L"CVirtualArena: creating arena of size 0x";

@@ -6,7 +6,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "memory/memoryInternal.h"
+#include "memoryInternal.h"
 
 const char g_szMeBlockNotInArena[] = "CVirtualAllocationStrategy::FindArenaOfBlock: Block is not in any arena";
 

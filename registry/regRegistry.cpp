@@ -16,11 +16,11 @@
 #include <xercesc/util/XMLException.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
-#include "core/coreInternal.h"
-#include "unix/regIndex.h"
-#include "unix/regErrorHandler.h"
-#include "unix/regParser.h"
-#include "unix/regSaved.h"
+#include "baseInternal.h"
+#include "regIndex.h"
+#include "regErrorHandler.h"
+#include "regParser.h"
+#include "regSaved.h"
 
 using xercesc::DOMNode;
 
@@ -459,7 +459,10 @@ HRESULT CXMLRegistry::Enumerate(int kind, COM_IEnumBSTR** out) {
         if (!out) return E_POINTER;
         DOMNode* key = CurrentKey();
         if (!key) return REGDB_E_KEYMISSING;
-        return CreateEnumerator(key, kind, out);
+        unsigned int count = 0;
+        wchar_t** names = ListNames(key, kind, count);
+        return CRegEnumItems::CreateInstance(COM_IID_IEnumBSTR, reinterpret_cast<void**>(out),
+                                             count, names, 0);
     });
 }
 

@@ -15,8 +15,8 @@
 #include "comModule.h"
 #include "comRegistry.h"
 #include "comUtil.h"
-#include "registry/regFile.h"
-#include "unix/regHelper.h"
+#include "regFile.h"
+#include "regHelper.h"
 
 // The one registry object of the process, over the document of
 // "Registry.XML". Every caller shares its document; each thread has its own

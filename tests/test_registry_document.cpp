@@ -76,7 +76,10 @@ protected:
     Names Enumerated(const std::string& text, int kind) {
         Load(text);
         EnumPtr e;
-        EXPECT_EQ(CreateEnumerator(m_root, kind, e.Out()), S_OK);
+        unsigned int listed = 0;
+        wchar_t** items = ListNames(m_root, kind, listed);
+        EXPECT_EQ(CRegEnumItems::CreateInstance(COM_IID_IEnumBSTR, e.OutVoid(), listed, items, 0),
+                  S_OK);
         unsigned long count = 0;
         EXPECT_EQ(e->get_Count(&count), S_OK);
         Names names = Remaining(e);

@@ -19,8 +19,8 @@
 #include <set>
 #include <sstream>
 
-#include "core/libraryTrust.h"
-#include "registry/regFile.h"
+#include "libraryTrust.h"
+#include "regFile.h"
 #include "toolInternal.h"
 
 namespace {

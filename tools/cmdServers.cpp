@@ -4,7 +4,7 @@
 
 #include <iostream>
 
-#include "core/coreInternal.h"
+#include "libraryTrust.h"
 #include "toolInternal.h"
 
 namespace {

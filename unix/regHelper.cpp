@@ -14,10 +14,11 @@
 #include <xercesc/util/XMLChar.hpp>
 #include <xercesc/util/XMLString.hpp>
 
+#include "comApi.h"
+#include "comUtil.h"
 #include "regErrorHandler.h"
 #include "regIndex.h"
 #include "regSaved.h"
-#include "registry/regRegistry.h"
 
 using xercesc::DOMDocument;
 using xercesc::DOMElement;
@@ -697,8 +698,8 @@ void ListValues(const DOMNode* key, CVecBstr& slots) {
 
 }  // namespace
 
-HRESULT CreateEnumerator(DOMNode* key, int kind, COM_IEnumBSTR** out) {
-    unsigned int count = 0;
+wchar_t** ListNames(const DOMNode* key, int kind, unsigned int& count) {
+    count = 0;
     for (const DOMNode* child = key->getFirstChild(); child; child = child->getNextSibling())
         ++count;
     CVecBstr slots;
@@ -710,6 +711,5 @@ HRESULT CreateEnumerator(DOMNode* key, int kind, COM_IEnumBSTR** out) {
     wchar_t** items = new wchar_t*[count];
     std::copy(slots.begin(), slots.end(), items);
     slots.clear();
-    return CRegEnumItems::CreateInstance(COM_IID_IEnumBSTR, reinterpret_cast<void**>(out), count,
-                                         items, 0);
+    return items;
 }

@@ -20,6 +20,7 @@
 
 // Text as the DOM holds it: 16-bit code units.
 typedef std::basic_string<XMLCh> RegString;
+typedef std::basic_string_view<XMLCh> RegStringView;
 
 // Every character cut to its low 16 bits.
 RegString NarrowTo16(const wchar_t* text);
@@ -88,8 +89,10 @@ std::ostream& outputContent(std::ostream& out, const XMLCh* text, bool escape);
 // null when it cannot be allocated.
 wchar_t* AllocWidened(const XMLCh* text);
 
-// Enumerator of the names of the key's sub-keys (kind 0) or values (any
-// other kind), copied out of the document now.
-HRESULT CreateEnumerator(xercesc::DOMNode* key, int kind, COM_IEnumBSTR** out);
+// The names of the key's sub-keys (kind 0) or values (any other kind),
+// copied out of the document now: one slot for each child node of the key,
+// in document order, the slots no name fills null. The caller owns the
+// array and its system strings.
+wchar_t** ListNames(const xercesc::DOMNode* key, int kind, unsigned int& count);
 
 #endif

@@ -3,12 +3,10 @@
 #ifndef VELTCOM_UNIX_REGINDEX_H
 #define VELTCOM_UNIX_REGINDEX_H
 
-#include <string_view>
-
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMNode.hpp>
 
-typedef std::basic_string_view<XMLCh> RegStringView;
+#include "regHelper.h"
 
 // The index serves one document, the registry's; the children of nodes in
 // any other document are scanned. Every change to the children of an

@@ -6,7 +6,7 @@
 #include <cwchar>
 #include <new>
 
-#include "coreInternal.h"
+#include "baseInternal.h"
 
 long CComPlatformUtils::s_nAllocs = 0;
 long CComPlatformUtils::s_nFrees = 0;
@@ -241,32 +241,11 @@ HRESULT StoreSystemText(int hr, wchar_t** text) {
     return StoreText(message, text, S_OK);
 }
 
-// Codes of the higher facilities go to the decoder registered for the
-// facility, found through the moniker "hresult:<facility in hexadecimal>".
-HRESULT DecodeByRegisteredDecoder(int hr, wchar_t** text) {
-    wchar_t name[24];
-    std::swprintf(name, sizeof name / sizeof name[0], L"hresult:%X", FacilityOf(hr));
-    unsigned long eaten = 0;
-    utlAutoIf<COM_IMoniker, &COM_IID_IMoniker> moniker;
-    HRESULT result = COM_MkParseName(name, &eaten, moniker.Out());
-    if (FAILED(result)) return result;
-    const unsigned long length = std::wcslen(name);
-    utlAutoIf<COM_IDecodeHResult, &COM_IID_IDecodeHResult> decoder;
-    result = moniker->BindToObject(name + (eaten < length ? eaten : length),
-                                   COM_IID_IDecodeHResult, decoder.OutVoid());
-    if (FAILED(result)) return result;
-    // The binder has no decoder to offer: the generic text stands in.
-    if (result == S_FALSE) return StoreTableText(hr, text);
-    // Decoders always see flags 0, whatever the caller passed.
-    return decoder->DecodeHResult(hr, 0, text);
-}
-
 }  // namespace
 
-HRESULT CComPlatformUtils::COM_DecodeHRESULT(int hr, unsigned int, wchar_t** text) {
-    if (!text) return E_POINTER;
-    const unsigned facility = FacilityOf(hr);
-    if (facility == kFacilitySystemErrors) return StoreSystemText(hr, text);
-    if (facility <= kLastTableFacility) return StoreTableText(hr, text);
-    return DecodeByRegisteredDecoder(hr, text);
+bool IsBuiltInFacility(int hr) { return FacilityOf(hr) <= kLastTableFacility; }
+
+HRESULT DecodeBuiltInHRESULT(int hr, wchar_t** text) {
+    return FacilityOf(hr) == kFacilitySystemErrors ? StoreSystemText(hr, text)
+                                                   : StoreTableText(hr, text);
 }

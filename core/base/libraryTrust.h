@@ -1,10 +1,12 @@
-// The rule by which a component library is trusted enough to open: no other
-// user can have written it. Shared inline by activation, which refuses such a
-// library, and the veltcom tool, which warns about it; the tool links only
-// the shared library.
+// The rules by which a component library is opened: no other user can have
+// written it, and its entry points are its own. Shared inline by activation,
+// which refuses such a library, and the veltcom tool, which warns about it;
+// the tool links only the shared library.
 #ifndef VELTCOM_CORE_LIBRARY_TRUST_H
 #define VELTCOM_CORE_LIBRARY_TRUST_H
 
+#include <dlfcn.h>
+#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,6 +46,20 @@ inline std::string LibraryRefusal(const char* path) {
     if (reason.empty() && realpath(path, target))
         reason = DirectoryRefusal(std::string(target, std::strrchr(target, '/') - target + 1));
     return reason;
+}
+
+// The address of `name` in the library opened as `handle`, or null. dlsym
+// also searches the library's dependencies, the runtime among them: only an
+// entry point the library defines itself counts.
+inline void* OwnSymbol(void* handle, const char* name) {
+    void* symbol = dlsym(handle, name);
+    link_map* library = nullptr;
+    link_map* owner = nullptr;
+    Dl_info info;
+    if (!symbol || dlinfo(handle, RTLD_DI_LINKMAP, &library) != 0 ||
+        !dladdr1(symbol, &info, reinterpret_cast<void**>(&owner), RTLD_DL_LINKMAP))
+        return nullptr;
+    return owner == library ? symbol : nullptr;
 }
 
 #endif

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "comException.h"
-#include "coreInternal.h"
+#include "baseInternal.h"
 
 const char CVXException::s_rgModule[] = "";
 

@@ -1,5 +1,5 @@
 // Error-information objects and the process-wide current error.
-#include "coreInternal.h"
+#include "baseInternal.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "comApi.h"
-#include "coreInternal.h"
+#include "baseInternal.h"
 
 namespace {
 

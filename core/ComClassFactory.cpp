@@ -38,10 +38,11 @@ struct CLibraryNameOrder {
 // Keyed by the InprocServer32 text exactly as registered. Libraries are
 // never closed, so the entries stay valid for the life of the process.
 std::map<std::wstring, PFNGETCLASSOBJECT, CLibraryNameOrder> g_dllMap;
-// Held from the look-up in the map through the load, so that threads
-// activating a library's classes for the first time load it once. Recursive:
-// a library's constructors may themselves create objects.
-std::recursive_mutex g_dllMapLock;
+// Guards the map alone, never a load: the loader holds a lock of its own
+// while library constructors run, and a constructor may activate a class. The
+// loader opens a file once however many threads ask, and the map keeps the
+// first entry made for a name.
+std::mutex g_dllMapLock;
 
 const wchar_t kErrorLocation[] = L"JCOM_API:COM_CreateInstance";
 
@@ -92,8 +93,9 @@ const char* BaseName(const std::string& name) {
     return slash == std::string::npos ? name.c_str() : name.c_str() + slash + 1;
 }
 
-// Loads the library and remembers its GetClassObject; null on failure, with
-// `hr` set.
+// Loads the library, with no lock of the runtime held, and remembers its
+// GetClassObject; null on failure, with `hr` set. Threads that load the same
+// library at once get the one entry remembered first.
 PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
     hr = CO_E_DLLNOTFOUND;
     const std::string narrow = NarrowWide(name.c_str());
@@ -125,6 +127,7 @@ PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
         return nullptr;
     }
     auto entry = reinterpret_cast<PFNGETCLASSOBJECT>(getClassObject);
+    std::lock_guard<std::mutex> lock(g_dllMapLock);
     return g_dllMap.emplace(name, entry).first->second;
 }
 
@@ -184,14 +187,13 @@ HRESULT CComClassFactory::GetClassFactory(const COM_GUID& clsid, void** factory)
         return CLASS_E_CLASSNOTAVAILABLE;
     }
 
-    PFNGETCLASSOBJECT getClassObject;
+    PFNGETCLASSOBJECT getClassObject = nullptr;
     {
-        std::lock_guard<std::recursive_mutex> lock(g_dllMapLock);
+        std::lock_guard<std::mutex> lock(g_dllMapLock);
         auto known = g_dllMap.find(RegStringView(name));
-        getClassObject = known != g_dllMap.end()
-                             ? known->second
-                             : LoadLibrary(std::wstring(name.begin(), name.end()), hr);
+        if (known != g_dllMap.end()) getClassObject = known->second;
     }
+    if (!getClassObject) getClassObject = LoadLibrary(std::wstring(name.begin(), name.end()), hr);
     if (!getClassObject) return hr;
     return getClassObject(clsid, COM_IID_IClassFactory, factory);
 }

@@ -76,12 +76,16 @@ HRESULT CMemory::QueryInterface(const COM_GUID& iid, void** out) {
 }
 
 unsigned long CMemory::AddRef() {
-    if (++m_cRef == 1) g_theModule.Lock();
-    return m_cRef;
+    const uint64_t after = m_cRef.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (after == 1) g_theModule.Lock();
+    return after;
 }
 
+// The release that reaches zero sees every other thread's writes to the
+// object before it frees it.
 unsigned long CMemory::Release() {
-    if (--m_cRef != 0) return m_cRef;
+    const uint64_t after = m_cRef.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (after != 0) return after;
     delete this;
     g_theModule.Unlock();
     return 0;

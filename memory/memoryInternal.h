@@ -2,6 +2,7 @@
 #ifndef VELTCOM_MEMORY_INTERNAL_H
 #define VELTCOM_MEMORY_INTERNAL_H
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 
@@ -231,6 +232,9 @@ private:
 };
 
 // The memory object. Holds one module lock while its count is above zero.
+// The count is atomic: one object may be served to every thread as a shared
+// service. Its allocations are not guarded, so only one thread at a time may
+// use them.
 class CMemory : public COM_IMemory, public COM_CComCoClass<CMemory, &COM_CLSID_Memory> {
 public:
     COM_DECLARE_REGISTRY(L"ZarvoCom.Memory", nullptr, nullptr)
@@ -262,7 +266,7 @@ private:
     CAllocationStrategy* BuildStrategy(ALLOCATION_STRATEGY strategy, void* buffer, unsigned long size);
     void DropStrategy();
 
-    uint64_t m_cRef = 0;
+    std::atomic<uint64_t> m_cRef{0};
     uint64_t m_nAllocs = 0;
     uint64_t m_nFrees = 0;
     CAllocationStrategy* m_pStrategy = nullptr;

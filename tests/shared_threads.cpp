@@ -5,6 +5,7 @@
 // race fails the test.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -167,32 +168,39 @@ TEST_F(ThreadStress, ErrorInfoSlot) {
     EXPECT_EQ(CanUnloadNow(), S_OK) << "no error object outlived its last reference";
 }
 
+// Every thread takes and releases the same shared objects over and over:
+// their counts are raced, and one lost update frees an object that the
+// collection still hands out.
 TEST_F(ThreadStress, ServicesOneObjectPerKey) {
     // The registry object exists before the threads start: making it is not
     // what this test races.
     RegistryPtr registry = Registry();
     const unsigned kNumbers = 16;
     const int kThreads = 6;
-    std::vector<std::vector<COM_IUnknown*>> seen(kThreads, std::vector<COM_IUnknown*>(2 * kNumbers));
+    const int kRepeats = 20;
+    std::vector<std::vector<COM_IUnknown*>> seen(kThreads, std::vector<COM_IUnknown*>(3 * kNumbers));
     RunTogether(Copies(kThreads, [&seen](int thread) {
-        for (unsigned number = 0; number < kNumbers; ++number) {
+        for (unsigned number = 0; number < kRepeats * kNumbers; ++number) {
             // Threads start at different numbers, so that each number is first
             // asked for by several threads at once over the run.
             const unsigned n = (number + thread) % kNumbers;
             MonikerPtr binder;
             CatInformationPtr manager;
+            MemoryPtr memory;
             ASSERT_EQ(COM_GetService(COM_CLSID_HResultDecoderBinder, n, COM_IID_IMoniker,
                                      binder.OutVoid()),
                       S_OK);
             ASSERT_EQ(COM_GetService(COM_CLSID_CategoryManager, n, COM_IID_ICatInformation,
                                      manager.OutVoid()),
                       S_OK);
+            ASSERT_EQ(COM_GetService(COM_CLSID_Memory, n, COM_IID_IMemory, memory.OutVoid()), S_OK);
             seen[thread][n] = binder;
             seen[thread][kNumbers + n] = manager;
+            seen[thread][2 * kNumbers + n] = memory;
         }
     }));
 
-    for (unsigned slot = 0; slot < 2 * kNumbers; ++slot) {
+    for (unsigned slot = 0; slot < 3 * kNumbers; ++slot) {
         for (int thread = 1; thread < kThreads; ++thread)
             EXPECT_EQ(seen[thread][slot], seen[0][slot]) << "slot " << slot << ", thread " << thread;
         // The collection's reference is the only one left.
@@ -349,6 +357,51 @@ TEST_F(ThreadStress, FirstLoadRacesLoadOnce) {
         EXPECT_EQ(counter->Increment(&value), S_OK);
         EXPECT_EQ(value, 1);
     }
+}
+
+// A plug-in whose constructor activates a registered class, opened by one
+// thread while another activates a class of a library not loaded yet: the
+// loader's lock and the runtime's are taken in opposite orders, and neither
+// thread may wait for the other. Run in a child, which a deadlock would hang.
+TEST_F(ThreadStress, PluginConstructorActivatesBesideAFirstLoad) {
+    CopyComponent(COMPONENT_testcounter);
+    CopyComponent(COMPONENT_testcategories);
+    CopyComponent(COMPONENT_testplugin);
+    RegistryPtr registry = Registry();
+    const std::pair<COM_GUID, const wchar_t*> classes[] = {
+        {CLSID_Counter, L"libtestcounter.so"}, {CLSID_CatWidget, L"libtestcategories.so"}};
+    for (const auto& [clsid, library] : classes) {
+        ASSERT_EQ(registry->Open(1, L"CLSID"), S_OK);
+        ASSERT_EQ(registry->CreateKey((TextOf(clsid) + L"\\InprocServer32").c_str(), 1), S_OK);
+        ASSERT_EQ(registry->SetValueString(L"", library), S_OK);
+    }
+
+    const pid_t child = fork();
+    if (child == 0) {
+        std::thread plugin([] {
+            if (!dlopen("./libtestplugin.so", RTLD_NOW)) _exit(2);
+        });
+        // The plug-in's constructor is running, and holds the loader, by now.
+        usleep(100 * 1000);
+        UnknownPtr widget;
+        const HRESULT hr = COM_CreateInstance(CLSID_CatWidget, nullptr, COM_IID_IUnknown,
+                                              widget.OutVoid());
+        plugin.join();
+        _exit(SUCCEEDED(hr) ? 0 : 3);
+    }
+    ASSERT_GT(child, 0);
+    int status = -1;
+    pid_t done = 0;
+    for (int waited = 0; waited < 300 && done == 0; ++waited) {
+        done = waitpid(child, &status, WNOHANG);
+        if (done == 0) usleep(100 * 1000);
+    }
+    if (done == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        FAIL() << "the two activations deadlocked";
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
 }
 
 // Readers walk to values with their own Open / OpenKey / GetValueString /

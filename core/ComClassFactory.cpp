@@ -96,9 +96,9 @@ const char* BaseName(const std::string& name) {
 // Loads the library, with no lock of the runtime held, and remembers its
 // GetClassObject; null on failure, with `hr` set. Threads that load the same
 // library at once get the one entry remembered first.
-PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
+PFNGETCLASSOBJECT LoadLibrary(const RegString& name, HRESULT& hr) {
     hr = CO_E_DLLNOTFOUND;
-    const std::string narrow = NarrowWide(name.c_str());
+    const std::string narrow = NarrowWide(WidenUtf16(name.data(), name.size()).c_str());
     char path[kPathBufferSize];
     int length = std::snprintf(path, sizeof path, "./%s", BaseName(narrow));
     if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
@@ -128,7 +128,8 @@ PFNGETCLASSOBJECT LoadLibrary(const std::wstring& name, HRESULT& hr) {
     }
     auto entry = reinterpret_cast<PFNGETCLASSOBJECT>(getClassObject);
     std::lock_guard<std::mutex> lock(g_dllMapLock);
-    return g_dllMap.emplace(name, entry).first->second;
+    // The map is keyed code unit by code unit, as it is searched.
+    return g_dllMap.emplace(std::wstring(name.begin(), name.end()), entry).first->second;
 }
 
 // Reads the default value of the key below hive 1 that `keys` lead to, one
@@ -193,7 +194,7 @@ HRESULT CComClassFactory::GetClassFactory(const COM_GUID& clsid, void** factory)
         auto known = g_dllMap.find(RegStringView(name));
         if (known != g_dllMap.end()) getClassObject = known->second;
     }
-    if (!getClassObject) getClassObject = LoadLibrary(std::wstring(name.begin(), name.end()), hr);
+    if (!getClassObject) getClassObject = LoadLibrary(name, hr);
     if (!getClassObject) return hr;
     return getClassObject(clsid, COM_IID_IClassFactory, factory);
 }

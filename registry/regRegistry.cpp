@@ -398,7 +398,7 @@ HRESULT CXMLRegistry::StoreValue(const wchar_t* name, const XMLCh* type, const R
 HRESULT CXMLRegistry::SetValueString(const wchar_t* name, const wchar_t* value) {
     return Locked([&]() -> HRESULT {
         if (!name || !value) return E_POINTER;
-        return StoreValue(name, kString, NarrowTo16(value));
+        return StoreValue(name, kString, ToUtf16(value));
     });
 }
 

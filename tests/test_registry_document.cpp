@@ -107,8 +107,10 @@ TEST_F(RegistryDocument, PathsMatchTheFirstChildOfAnyTypeAndEmptyPiecesNothing) 
         EXPECT_EQ(found, untouched);
     }
     // Creation makes each missing level once; bad names are left to the DOM,
-    // which the registry object screens for (characters cut to 16 bits).
-    EXPECT_EQ(EscapeKey(L"My Key\U0001F600"), RegString(u"My_Key\uF600"));
+    // which the registry object screens for. Names are UTF-16: a character
+    // above U+FFFF is a pair, one UTF-16 cannot carry is refused later.
+    EXPECT_EQ(EscapeKey(L"My Key\U0001F600"), RegString(u"My_Key\U0001F600"));
+    EXPECT_EQ(EscapeKey(L"\xD800\x110000"), RegString(2, kNoCharacter));
     for (const XMLCh* path : {u"", u"{x}", u"1a", u"A\\", u"\\A", u"A\\\\B", u"c\u0001"})
         EXPECT_FALSE(IsCreatablePath(path));
     EXPECT_TRUE(IsCreatablePath(u"CLSID\\_0123ABCD-ABCD-abcd-0123-456789ABCDEF_\\a.b-c"));

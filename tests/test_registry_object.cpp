@@ -245,6 +245,33 @@ TEST_F(RegistryObject, NamesAndTextTheFileCannotCarryAreRefused) {
     EXPECT_EQ(File(), Saved(Item("v", "string", "tab&#9;ok")));
 }
 
+// A character above U+FFFF is stored as a surrogate pair, written as one
+// character reference, and read back as the one character; text that UTF-16
+// cannot carry, and a key name beyond one byte a character, are refused.
+TEST_F(RegistryObject, CharactersAboveSixteenBitsAreKeptWhole) {
+    OpenClsid();
+    ASSERT_EQ(m_reg->SetValueString(L"smile \U0001F600", L"a\U0001F600b\U0010FFFF"), S_OK);
+    EXPECT_EQ(File(), Saved(Item("smile_&#128512;", "string", "a&#128512;b&#1114111;")));
+    for (const wchar_t* text : {L"\xD800", L"\xD800\xDC00", L"\xDFFF", L"\x110000", L"\x7FFFFFFF"}) {
+        EXPECT_EQ(m_reg->SetValueString(L"v", text), E_INVALIDARG) << std::hex << unsigned(text[0]);
+        EXPECT_EQ(m_reg->SetValueString(text, L"v"), E_INVALIDARG) << std::hex << unsigned(text[0]);
+    }
+    EXPECT_EQ(m_reg->CreateKey(L"K\U0001F600", 1), E_INVALIDARG);
+    // Read from the file as a new process reads it: a change first reloads
+    // a file edited by hand.
+    WriteFile("Registry.XML", Saved(Item("&#x1F600;", "string", "&#x1F600;&#xE9;")));
+    ASSERT_EQ(m_reg->DeleteValue(L"absent"), REGDB_E_WRITEREGDB);
+    wchar_t* value = Unwritten<wchar_t>();
+    ASSERT_EQ(m_reg->GetValueString(L"\U0001F600", &value), S_OK);
+    EXPECT_EQ(Take(value), L"\U0001F600\xE9");
+    utlAutoIf<COM_IEnumBSTR, &COM_IID_IEnumBSTR> names;
+    ASSERT_EQ(m_reg->EnumValues(names.Out()), S_OK);
+    wchar_t* name = nullptr;
+    unsigned long fetched = 0;
+    ASSERT_EQ(names->Next(1, &name, &fetched), S_OK);
+    EXPECT_EQ(Take(name), L"\U0001F600");
+}
+
 TEST_F(RegistryObject, HandEditedFilesReadAsTheRulesSayAndGainLineFeedsAroundText) {
     WriteFile("Registry.XML", kDeclaration + "\n<Software>\n  <Quorvane>\n    <Version>\n      <Classes>"
                               "<CLSID default='d' other='o'><item name='abc' type='dword' value='abc'/>"

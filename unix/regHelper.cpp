@@ -3,6 +3,7 @@
 #include "regHelper.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -142,15 +143,24 @@ int GetDefaultValue(const DOMNode* key, RegString& type, RegString& value) {
 
 }  // namespace
 
-RegString NarrowTo16(const wchar_t* text) {
+RegString ToUtf16(const wchar_t* text) {
     RegString out;
-    for (; *text; ++text)
-        out.push_back(static_cast<XMLCh>(*text));
+    for (; *text; ++text) {
+        const uint32_t c = static_cast<uint32_t>(*text);
+        if (c < 0xD800 || (c > 0xDFFF && c <= 0xFFFF)) {
+            out.push_back(static_cast<XMLCh>(c));
+        } else if (c >= 0x10000 && c <= 0x10FFFF) {
+            out.push_back(static_cast<XMLCh>(0xD800 + ((c - 0x10000) >> 10)));
+            out.push_back(static_cast<XMLCh>(0xDC00 + ((c - 0x10000) & 0x3FF)));
+        } else {
+            out.push_back(kNoCharacter);
+        }
+    }
     return out;
 }
 
 RegString EscapeKey(const wchar_t* text) {
-    RegString out = NarrowTo16(text);
+    RegString out = ToUtf16(text);
     std::replace(out.begin(), out.end(), u' ', u'_');
     return out;
 }
@@ -655,11 +665,38 @@ std::ostream& outputContent(std::ostream& out, const XMLCh* text, bool escape) {
     return out.write(bytes.Data(), static_cast<std::streamsize>(bytes.Size()));
 }
 
+namespace {
+
+// Calls `put` with each character of the UTF-16 text, a pair as one.
+template <class Put>
+void ForEachCharacter(const XMLCh* text, size_t length, Put put) {
+    for (size_t i = 0; i < length; ++i) {
+        if (i + 1 < length && IsHighSurrogate(text[i]) && IsLowSurrogate(text[i + 1])) {
+            put(static_cast<wchar_t>(0x10000 + ((text[i] - 0xD800) << 10) + (text[i + 1] - 0xDC00)));
+            ++i;
+        } else {
+            put(static_cast<wchar_t>(text[i]));
+        }
+    }
+}
+
+}  // namespace
+
+std::wstring WidenUtf16(const XMLCh* text, size_t length) {
+    std::wstring out;
+    out.reserve(length);
+    ForEachCharacter(text, length, [&out](wchar_t c) { out.push_back(c); });
+    return out;
+}
+
 wchar_t* AllocWidened(const XMLCh* text) {
     const XMLSize_t length = XMLString::stringLen(text);
-    wchar_t* out = COM_SysAllocStringLen(nullptr, length);
+    size_t characters = 0;
+    ForEachCharacter(text, length, [&characters](wchar_t) { ++characters; });
+    wchar_t* out = COM_SysAllocStringLen(nullptr, characters);
     if (!out) return nullptr;
-    std::copy(text, text + length, out);
+    wchar_t* next = out;
+    ForEachCharacter(text, length, [&next](wchar_t c) { *next++ = c; });
     return out;
 }
 

@@ -22,11 +22,17 @@
 typedef std::basic_string<XMLCh> RegString;
 typedef std::basic_string_view<XMLCh> RegStringView;
 
-// Every character cut to its low 16 bits.
-RegString NarrowTo16(const wchar_t* text);
+// Stands for a wide character that UTF-16 cannot carry: a surrogate code
+// point, or one beyond U+10FFFF. No stored text holds it, so storing text
+// with it is refused and looking a name up with it finds nothing.
+const XMLCh kNoCharacter = 0xFFFF;
 
-// As NarrowTo16, with every space turned into an underscore: the form in
-// which key paths and value names are stored and looked up.
+// The text in UTF-16, as the DOM holds it: a character above U+FFFF becomes
+// a surrogate pair; one UTF-16 cannot carry becomes kNoCharacter.
+RegString ToUtf16(const wchar_t* text);
+
+// As ToUtf16, with every space turned into an underscore: the form in which
+// key paths and value names are stored and looked up.
 RegString EscapeKey(const wchar_t* text);
 
 // Whether every piece of the path is a legal XML element name, so that
@@ -85,8 +91,12 @@ std::ostream& operator<<(std::ostream& out, const XMLCh* text);
 // not), and tab, line feed and carriage return as character references.
 std::ostream& outputContent(std::ostream& out, const XMLCh* text, bool escape);
 
-// A new system string of the text, each code unit widened to a wchar_t;
-// null when it cannot be allocated.
+// UTF-16 text as wide characters: a surrogate pair becomes the one
+// character it encodes, any other code unit a character of its own.
+std::wstring WidenUtf16(const XMLCh* text, size_t length);
+
+// A new system string of the text, widened as WidenUtf16 does; null when it
+// cannot be allocated.
 wchar_t* AllocWidened(const XMLCh* text);
 
 // The names of the key's sub-keys (kind 0) or values (any other kind),

@@ -26,9 +26,10 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VeltCOMConfig.cmake.in
   ${PROJECT_BINARY_DIR}/VeltCOMConfig.cmake
   INSTALL_DESTINATION ${VELTCOM_CMAKE_DIR}
   PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_BINDIR)
-# Before 1.0 a minor release may change the binary contract.
+# The package's major version is the library's SONAME version: within it
+# the binary contract holds.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/VeltCOMConfigVersion.cmake
-  COMPATIBILITY SameMinorVersion)
+  COMPATIBILITY SameMajorVersion)
 install(FILES
   ${PROJECT_BINARY_DIR}/VeltCOMConfig.cmake
   ${PROJECT_BINARY_DIR}/VeltCOMConfigVersion.cmake

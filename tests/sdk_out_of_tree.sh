@@ -52,6 +52,14 @@ done
 if grep -rqs -- "$build" "$prefix/lib/cmake" "$prefix/lib/pkgconfig"; then
     fail "the installed package names the build tree"
 fi
+# The library carries the version of its binary contract, and both packages
+# offer the same version.
+soname=$(readelf -d "$prefix/lib/libveltcom.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ "$soname" = libveltcom.so.1 ] || fail "the library's SONAME is '$soname'"
+cmake_version=$(sed -n 's/^set(PACKAGE_VERSION "\(.*\)")/\1/p' "$prefix/lib/cmake/VeltCOM/VeltCOMConfigVersion.cmake")
+pc_version=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --modversion veltcom)
+[ "${cmake_version%%.*}" = 1 ] && [ "$pc_version" = "$cmake_version" ] ||
+    fail "package versions: CMake $cmake_version, pkg-config $pc_version"
 
 # --- the examples, with find_package and veltcom_add_component --------------
 quietly cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
@@ -61,6 +69,8 @@ grep -qx "VeltCOM_DIR:PATH=$prefix/lib/cmake/VeltCOM" "$work/examples/CMakeCache
 quietly cmake --build "$work/examples" -j 2
 [ "$(exports "$work/examples/libgreeter.so")" = "$ENTRY_POINTS" ] ||
     fail "libgreeter.so exports: $(exports "$work/examples/libgreeter.so")"
+readelf -d "$work/examples/libgreeter.so" | grep -q 'NEEDED.*\[libveltcom\.so\.1\]' ||
+    fail "libgreeter.so does not need libveltcom.so.1"
 
 # A version the package does not offer is refused.
 mkdir -p "$work/too-new"

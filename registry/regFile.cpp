@@ -13,6 +13,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -272,15 +273,29 @@ HRESULT CRegistryFile::Write(std::string_view bytes) {
         m_bSwept = true;
     }
     bool noTemporary = false;
-    const HRESULT hr = ReplaceAtomically(target, bytes, noTemporary);
+    const HRESULT hr = ReplaceAtomically(target, bytes, true, noTemporary);
     // A directory that takes no new file, holding a file that may be
     // written: the only way left is in place.
     if (noTemporary && access(target.c_str(), W_OK) == 0) return WriteInPlace(target, bytes);
     return hr;
 }
 
+bool CRegistryFile::Target(std::string& target) const { return SaveTarget(m_path, target); }
+
+HRESULT CRegistryFile::Restore(std::string_view bytes) {
+    std::string target;
+    if (!Target(target)) return REGDB_E_WRITEREGDB;
+    bool noTemporary = false;
+    const HRESULT hr = ReplaceAtomically(target, bytes, false, noTemporary);
+    if (FAILED(hr)) return hr;
+    // Running processes read the restored file at their next Open.
+    if (!m_pSaveCounter) MapCounter();
+    SignalSave();
+    return hr;
+}
+
 HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, std::string_view bytes,
-                                         bool& noTemporary) {
+                                         bool keepBackup, bool& noTemporary) {
     struct stat original;
     const bool exists = stat(target.c_str(), &original) == 0;
     std::string temporary;
@@ -296,7 +311,7 @@ HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, std::string_
         unlink(temporary.c_str());
         return REGDB_E_WRITEREGDB;
     }
-    if (exists) KeepBackup(target, temporary);
+    if (exists && keepBackup) KeepBackup(target, temporary);
     if (rename(temporary.c_str(), target.c_str()) != 0) {
         unlink(temporary.c_str());
         return REGDB_E_WRITEREGDB;
@@ -352,13 +367,33 @@ int CRegistryFile::LockDescriptor() {
     return m_lockFd;
 }
 
+std::string CRegistryFile::LockPath() const { return LockPathOf(m_path); }
+
+int64_t WriterWaitMilliseconds() {
+    const int64_t kDefault = 10000;
+    const char* text = std::getenv("VELTCOM_REGISTRY_WAIT_MS");
+    if (!text || !*text) return kDefault;
+    char* end = nullptr;
+    const long long wait = std::strtoll(text, &end, 10);
+    return *end == '\0' && wait >= 0 ? wait : kDefault;
+}
+
+// flock cannot wait with a bound, so the lock is tried again and again, the
+// pause between tries growing to a few milliseconds.
 CRegistryFile::CWriterLock::CWriterLock(CRegistryFile& file) : m_fd(file.LockDescriptor()) {
     if (m_fd < 0) return;
-    while (flock(m_fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
+    const int64_t deadline = CoarseMilliseconds() + WriterWaitMilliseconds();
+    useconds_t pause = 200;
+    while (flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        if (error == EINTR) continue;
+        if (error != EWOULDBLOCK || CoarseMilliseconds() >= deadline) {
+            m_bTimedOut = error == EWOULDBLOCK;
             m_fd = -1;
             return;
         }
+        usleep(pause);
+        pause = std::min<useconds_t>(pause * 2, 10000);
     }
 }
 

@@ -61,6 +61,11 @@ struct CFileIdentity {
     bool operator!=(const CFileIdentity& other) const { return !(*this == other); }
 };
 
+// How long a writer waits for the writers' lock, and a thread for another
+// thread's transaction: VELTCOM_REGISTRY_WAIT_MS when it holds a number of
+// milliseconds, otherwise 10 seconds.
+int64_t WriterWaitMilliseconds();
+
 class CRegistryFile {
 public:
     // How long a process trusts the counter alone: a file replaced by other
@@ -98,8 +103,24 @@ public:
     // as it was. See ReplaceAtomically and WriteInPlace.
     HRESULT Write(std::string_view bytes);
 
+    // The file that saves replace: the path itself, or the file a symbolic
+    // link there leads to, beside which the backup and the lock file sit.
+    // False when a link cannot be followed.
+    bool Target(std::string& target) const;
+    // Puts `bytes` in place of the file atomically, as a save does, and counts
+    // it as a save; but keeps no backup, and never writes in place. For a
+    // restore, which keeps the file it replaces under a name of its own. The
+    // caller holds the writers' lock.
+    HRESULT Restore(std::string_view bytes);
+
+    // The lock file beside the file a save replaces; empty when a link
+    // cannot be followed.
+    std::string LockPath() const;
+
     // Holds the lock that every process changing the registry takes, from
-    // "is the file still the one I know" through the rename.
+    // "is the file still the one I know" through the rename. Waits for it at
+    // most WriterWaitMilliseconds(); a lock file that cannot be made leaves
+    // the writer unlocked, as it always has.
     class CWriterLock {
     public:
         explicit CWriterLock(CRegistryFile& file);
@@ -107,13 +128,19 @@ public:
         CWriterLock(const CWriterLock&) = delete;
         CWriterLock& operator=(const CWriterLock&) = delete;
 
+        // Another process held the lock for the whole wait: nothing may be
+        // written.
+        bool TimedOut() const { return m_bTimedOut; }
+
     private:
         int m_fd;
+        bool m_bTimedOut = false;
     };
 
 private:
     HRESULT CreateMissing(const std::string& initial);
-    HRESULT ReplaceAtomically(const std::string& target, std::string_view bytes, bool& noTemporary);
+    HRESULT ReplaceAtomically(const std::string& target, std::string_view bytes, bool keepBackup,
+                              bool& noTemporary);
     HRESULT WriteInPlace(const std::string& target, std::string_view bytes);
     int LockDescriptor();
     void MapCounter();

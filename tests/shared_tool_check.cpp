@@ -181,8 +181,11 @@ TEST_F(ToolCheck, RestorePutsTheBackupInPlaceOfADamagedRegistry) {
 
     ToolRun run = Run({"check", "--restore"});
     EXPECT_EQ(run.exitCode, 0) << run;
-    EXPECT_EQ(run.out, "kept the damaged registry as " + m_dir + "/Registry.XML.damaged\n"
-                       "restored " + m_dir + "/Registry.XML from " + m_dir + "/Registry.XML.bak\n");
+    EXPECT_TRUE(Contains(run.out, "kept the damaged registry as " + m_dir + "/Registry.XML.damaged\n"
+                                  "the backup holds the registry as saved at ")) << run;
+    EXPECT_TRUE(Contains(run.out, "; lost: any change saved after it\nrestored " + m_dir +
+                                      "/Registry.XML from " + m_dir + "/Registry.XML.bak\n")) << run;
+    EXPECT_TRUE(run.err.empty()) << run;
     EXPECT_EQ(RegistryFile(), backup);
     EXPECT_EQ(ReadFile("Registry.XML.damaged"), kDamaged);
     EXPECT_EQ(ReadFile("Registry.XML.bak"), backup);
@@ -193,6 +196,38 @@ TEST_F(ToolCheck, RestorePutsTheBackupInPlaceOfADamagedRegistry) {
     EXPECT_EQ(run.exitCode, 1) << run;
     EXPECT_EQ(run.out, "nothing to restore: " + m_dir + "/Registry.XML is readable\n");
     EXPECT_EQ(ReadFile("Registry.XML.damaged"), kDamaged);
+}
+
+// A registry the runtime saved twice, then damaged in place: the restore
+// works beside the file a symbolic link leads to, under the writers' lock,
+// and names the save the backup lacks.
+TEST_F(ToolCheck, RestoreFollowsALinkAndNamesTheLostSave) {
+    ASSERT_EQ(mkdir(PathOf("elsewhere").c_str(), 0755), 0);
+    WriteFile("elsewhere/Registry.XML", HandMadeRegistry("<CLSID/>"));
+    ASSERT_EQ(symlink("elsewhere/Registry.XML", PathOf("Registry.XML").c_str()), 0);
+    RunOk({"reg", "set", "appdata", "K", "A", "1"});
+    RunOk({"reg", "set", "appdata", "K", "B", "2"});
+    const std::string target = m_dir + "/elsewhere/Registry.XML";
+    for (const bool cut : {true, false}) {
+        SCOPED_TRACE(cut ? "cut short" : "overwritten in place");
+        const std::string saved = ReadFile("elsewhere/Registry.XML");
+        if (cut)
+            ASSERT_EQ(truncate(target.c_str(), 40), 0);
+        else
+            WriteFile("elsewhere/Registry.XML", std::string(saved.size(), 'x'));
+        const ToolRun run = Run({"check", "--restore"});
+        EXPECT_EQ(run.exitCode, 0) << run;
+        EXPECT_TRUE(Contains(run.out, "kept the damaged registry as " + target + ".damaged\n")) << run;
+        EXPECT_TRUE(Contains(run.out, "; lost: the last save, made at ")) << run;
+        EXPECT_TRUE(Contains(run.out, "restored " + m_dir + "/Registry.XML from " + target + ".bak\n"))
+            << run;
+        struct stat link;
+        ASSERT_EQ(lstat(PathOf("Registry.XML").c_str(), &link), 0);
+        EXPECT_TRUE(S_ISLNK(link.st_mode)) << "the link stays a link";
+        EXPECT_TRUE(Contains(RegistryFile(), "name = \"A\"") && !Contains(RegistryFile(), "name = \"B\""));
+        // Set again, for the second round.
+        RunOk({"reg", "set", "appdata", "K", "B", "2"});
+    }
 }
 
 TEST_F(ToolCheck, RestoreWithoutAReadableBackupChangesNothing) {

@@ -6,13 +6,12 @@
 // class is parsed and looked up in its written form, while a key named
 // after a category must already be in that form, since lookups compare key
 // names as given.
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -266,98 +265,84 @@ private:
     std::vector<Problem> m_problems;
 };
 
-// Holds the registry's writers' lock, as the runtime's saves do, while the
-// file is replaced. Where the lock file cannot be opened the replacement
-// goes ahead unlocked, as a save would.
-class CWritersLock {
-public:
-    explicit CWritersLock(const std::string& registry) {
-        const std::string path = registry + ".lock";
-        m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        m_bWritable = m_fd >= 0;
-        if (m_fd < 0) m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        while (m_fd >= 0 && flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
-        }
-    }
-    ~CWritersLock() {
-        if (m_fd >= 0) close(m_fd);
-    }
-
-    // Counts the replacement as the runtime counts its saves, so that running
-    // processes read the restored file at their next Open.
-    void CountSave() const {
-        if (!m_bWritable) return;
-        uint64_t* counter = MapSaveCounter(m_fd, true);
-        if (!counter) return;
-        RaiseSaveCounter(counter);
-        UnmapSaveCounter(counter);
-    }
-
-private:
-    int m_fd;
-    bool m_bWritable;
-};
-
-// Writes `content` to a new file beside `path` and renames it over `path`,
-// so that `path` is at every moment either the old file or the whole new one.
-HRESULT ReplaceFile(const std::string& path, const std::string& content, mode_t mode) {
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkstemp(&temporary[0]);
-    if (fd < 0) return SystemErrorCode(errno);
-    bool written = fchmod(fd, mode) == 0;
-    for (size_t done = 0; written && done < content.size();) {
-        const ssize_t n = write(fd, content.data() + done, content.size() - done);
-        written = n > 0 || (n < 0 && errno == EINTR);
-        if (n > 0) done += n;
-    }
-    const int error = written && fsync(fd) == 0 ? 0 : (errno ? errno : EIO);
-    close(fd);
-    if (error == 0 && rename(temporary.c_str(), path.c_str()) == 0) return S_OK;
-    const HRESULT hr = SystemErrorCode(error ? error : errno);
-    unlink(temporary.c_str());
-    return hr;
-}
-
 struct RestoreOutcome {
     bool restored = false;
     std::string message;
 };
 
-// Keeps a damaged registry as Registry.XML.damaged and puts a copy of
-// Registry.XML.bak in its place; the backup itself stays.
-RestoreOutcome Restore(const std::string& path) {
-    const std::string backup = path + ".bak", damaged = path + ".damaged";
-    RegKey ignored;
-    struct stat info;
-    const bool present = stat(path.c_str(), &info) == 0;
-    if (present && SUCCEEDED(ReadRegistryFile(path, ignored)))
-        return {false, "nothing to restore: " + path + " is readable"};
-    if (FAILED(ReadRegistryFile(backup, ignored)))
-        return {false, "cannot restore " + path + ": there is no readable backup " + backup};
-    std::ifstream in(backup, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (!in) return {false, "cannot restore " + path + ": " + backup + " cannot be read"};
+// Reads a whole file, saying nothing; false when it cannot be read.
+bool ReadQuietly(const std::string& path, std::string& content) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in.is_open()) return false;
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    content = bytes.str();
+    return !in.bad();
+}
 
-    CWritersLock lock(path);
+// A file's time as people read it, in local time.
+std::string LocalTime(const struct timespec& when) {
+    struct tm parts;
+    char text[64];
+    if (!localtime_r(&when.tv_sec, &parts) ||
+        !std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %Z", &parts))
+        return "an unknown time";
+    return text;
+}
+
+// What the backup lacks. A save links the file it replaces as the backup: the
+// backup was written by the save before the last (its modification time) and
+// became the backup at the last save (its later change time), whose changes
+// it therefore lacks. A backup put there by other means lacks whatever was
+// saved after it was written.
+std::string WhatTheBackupLacks(const std::string& backup) {
+    struct stat info;
+    if (stat(backup.c_str(), &info) != 0) return "";
+    const struct timespec& written = info.st_mtim;
+    const struct timespec& linked = info.st_ctim;
+    const bool linkedLater = linked.tv_sec > written.tv_sec ||
+                             (linked.tv_sec == written.tv_sec && linked.tv_nsec > written.tv_nsec);
+    return "the backup holds the registry as saved at " + LocalTime(written) + "; lost: " +
+           (linkedLater ? "the last save, made at " + LocalTime(linked) + ", and any change after it"
+                        : std::string("any change saved after it")) +
+           "\n";
+}
+
+// Keeps a damaged registry as Registry.XML.damaged and puts a copy of
+// Registry.XML.bak in its place, as a save would and under the writers'
+// lock; the backup itself stays. Where Registry.XML is a symbolic link, the
+// file it leads to is restored, from the backup beside it.
+RestoreOutcome Restore(const std::string& path) {
+    CRegistryFile file(path);
+    std::string target;
+    if (!file.Target(target))
+        return {false, "cannot restore " + path + ": the symbolic link cannot be followed"};
+    const std::string backup = target + ".bak", damaged = target + ".damaged";
+    CRegistryFile::CWriterLock lock(file);
+    std::string content;
+    struct stat info;
+    const bool present = stat(target.c_str(), &info) == 0;
+    if (present && ReadQuietly(target, content) && IsReadableRegistry(content))
+        return {false, "nothing to restore: " + path + " is readable"};
+    if (!ReadQuietly(backup, content) || !IsReadableRegistry(content))
+        return {false, "cannot restore " + path + ": there is no readable backup " + backup};
+
     std::string message;
     if (present) {
         // A hard link keeps the damaged file without a moment when the
-        // registry is missing; the rename below then replaces the name only.
+        // registry is missing; the restore then replaces the name only.
         if (unlink(damaged.c_str()) != 0 && errno != ENOENT)
             return {false, "cannot restore " + path + ": " + damaged + " cannot be replaced: " +
                                StatusText(SystemErrorCode(errno))};
-        if (link(path.c_str(), damaged.c_str()) != 0)
+        if (link(target.c_str(), damaged.c_str()) != 0)
             return {false, "cannot restore " + path + ": the damaged file cannot be kept as " +
                                damaged + ": " + StatusText(SystemErrorCode(errno))};
         message = "kept the damaged registry as " + damaged + "\n";
     }
-    const mode_t mode = present ? info.st_mode & 07777 : 0644;
-    const HRESULT hr = ReplaceFile(path, content.str(), mode);
+    const HRESULT hr = file.Restore(content);
     if (FAILED(hr))
         return {false, message + "cannot restore " + path + ": " + StatusText(hr)};
-    lock.CountSave();
-    return {true, message + "restored " + path + " from " + backup};
+    return {true, message + WhatTheBackupLacks(backup) + "restored " + path + " from " + backup};
 }
 
 int RunRestore(const CToolContext& context) {

@@ -156,6 +156,9 @@ std::string RegistryFilePath();
 // parser gives them) and its status returned.
 HRESULT ReadRegistryFile(const std::string& path, RegKey& root);
 
+// Whether the runtime can read a registry file of these bytes; says nothing.
+bool IsReadableRegistry(const std::string& content);
+
 // Makes sure the runtime can open the registry without stopping the process
 // (a malformed file would), then opens it through the runtime, which creates
 // a missing file. Reports any failure itself. Later calls return the first

@@ -150,10 +150,9 @@ struct CXercesUse {
 };
 
 // Parses the file's bytes as the runtime does (a default parser over a
-// memory buffer) and builds the snapshot. On failure reports the problem
-// and returns its status.
-HRESULT LoadSnapshot(const std::string& path, const std::string& content, RegKey& root) {
-    std::string where, problem;
+// memory buffer) and builds the snapshot. Gives where and what the first
+// problem is, or an empty text when there is none.
+std::string SnapshotProblem(const std::string& path, const std::string& content, RegKey& root) {
     try {
         CXercesUse xerces;
         CFirstProblem handler;
@@ -170,22 +169,21 @@ HRESULT LoadSnapshot(const std::string& path, const std::string& content, RegKey
                 if (!BuildKey(document, root, 0, structureProblem)) root = RegKey();
             }
         }
-        if (handler.found) {
-            where = path + ":" + handler.where;
-            problem = handler.message;
-        } else if (!structureProblem.empty()) {
-            where = path;
-            problem = structureProblem;
-        }
+        if (handler.found) return path + ":" + handler.where + ": " + handler.message;
+        if (!structureProblem.empty()) return path + ": " + structureProblem;
     } catch (const xercesc::XMLException& e) {
-        where = path;
-        problem = Utf8(FromXml(e.getMessage()));
+        return path + ": " + Utf8(FromXml(e.getMessage()));
     } catch (const xercesc::OutOfMemoryException&) {
-        where = path;
-        problem = "out of memory while parsing";
+        return path + ": out of memory while parsing";
     }
+    return "";
+}
+
+// As SnapshotProblem; reports the problem and returns its status.
+HRESULT LoadSnapshot(const std::string& path, const std::string& content, RegKey& root) {
+    const std::string problem = SnapshotProblem(path, content, root);
     if (problem.empty()) return S_OK;
-    ReportError(where + ": " + problem, REGDB_E_PARSEBASE,
+    ReportError(problem, REGDB_E_PARSEBASE,
                 "the runtime cannot read this registry file: mend or remove it");
     return REGDB_E_PARSEBASE;
 }
@@ -251,6 +249,11 @@ HRESULT OpenRegistry(CRegistryState& state) {
 }
 
 }  // namespace
+
+bool IsReadableRegistry(const std::string& content) {
+    RegKey ignored;
+    return SnapshotProblem("", content, ignored).empty();
+}
 
 HRESULT ReadRegistryFile(const std::string& path, RegKey& root) {
     std::string content;

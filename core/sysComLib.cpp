@@ -10,6 +10,7 @@ COM_CComModule g_theModule(s_com_object_mapZarvoCOM, "libveltcom.so");
 namespace {
 
 using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
+using TransactionPtr = utlAutoIf<COM_IRegistryTransaction, &COM_IID_IRegistryTransaction>;
 using CatRegisterPtr = utlAutoIf<COM_ICatRegister, &COM_IID_ICatRegister>;
 using EnumBstrPtr = utlAutoIf<COM_IEnumBSTR, &COM_IID_IEnumBSTR>;
 
@@ -202,7 +203,14 @@ HRESULT COM_CComModule::GetModulePath(wchar_t** path) {
     return *path ? S_OK : E_OUTOFMEMORY;
 }
 
+// The whole object map is one transaction: another installer never sees
+// half of it, and a process killed in the middle leaves the file as it was.
+// The steps that succeeded are committed even when others failed.
 HRESULT COM_CComModule::RegisterServer(int reg) {
+    TransactionPtr transaction;
+    HRESULT hr = transaction.CreateInstance(COM_CLSID_Registry);
+    if (SUCCEEDED(hr)) hr = transaction->Begin();
+    if (FAILED(hr)) return hr;
     HRESULT result = S_OK;
     // Once a class stays installed elsewhere, the category memberships of it
     // and of every later class are left alone for the rest of the run.
@@ -210,13 +218,14 @@ HRESULT COM_CComModule::RegisterServer(int reg) {
     CatRegisterPtr catRegister;
     for (const COM_OBJMAP_ENTRY* entry = m_pObjectMap; entry && entry->pclsid; ++entry) {
         if (entry->pfnUpdateRegistry) {
-            const HRESULT hr = entry->pfnUpdateRegistry(reg);
-            if (FAILED(hr)) result = S_FALSE;
-            if (!reg && hr == S_FALSE) categoriesAllowed = false;
+            const HRESULT updated = entry->pfnUpdateRegistry(reg);
+            if (FAILED(updated)) result = S_FALSE;
+            if (!reg && updated == S_FALSE) categoriesAllowed = false;
         }
         if (!UpdateClassCategories(*entry, reg, categoriesAllowed, catRegister)) result = S_FALSE;
     }
-    return result;
+    hr = transaction->Commit();
+    return FAILED(hr) ? hr : result;
 }
 
 HRESULT COM_CComModule::UpdateRegistryClass(const COM_GUID& clsid, const wchar_t* progId,

@@ -65,6 +65,7 @@ VELTCOM_API extern const COM_GUID COM_IID_IClassFactory;
 VELTCOM_API extern const COM_GUID COM_IID_IErrorInfo;
 VELTCOM_API extern const COM_GUID COM_IID_ICreateErrorInfo;
 VELTCOM_API extern const COM_GUID COM_IID_IRegistry;
+VELTCOM_API extern const COM_GUID COM_IID_IRegistryTransaction;
 VELTCOM_API extern const COM_GUID COM_IID_IEnumBSTR;
 VELTCOM_API extern const COM_GUID COM_IID_IMemory;
 VELTCOM_API extern const COM_GUID COM_IID_ICatRegister;

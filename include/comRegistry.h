@@ -20,7 +20,8 @@ public:
 // The process's one registry. Call Open(hive, path) first, then OpenKey to
 // walk down, then value and key operations, then Close. Hives: 1 classes
 // root, 2 user, 3 system, 4 the maker root, 5 application data. Paths are
-// key names joined by backslashes; every change is written to disk at once.
+// key names joined by backslashes; every change is written to disk at once,
+// unless the calling thread has a transaction open.
 class COM_IRegistry : public COM_IUnknown {
 public:
     virtual HRESULT Open(unsigned int hive, const wchar_t* subkey) = 0;
@@ -37,6 +38,22 @@ public:
     virtual HRESULT DeleteValue(const wchar_t* name) = 0;
     virtual HRESULT EnumKeys(COM_IEnumBSTR** out) = 0;
     virtual HRESULT EnumValues(COM_IEnumBSTR** out) = 0;
+};
+
+// Reached by QueryInterface from COM_IRegistry. Begin takes the writers'
+// lock for the calling thread; until its Commit, that thread's changes go
+// into the process's document without being saved, and Commit saves them
+// all at once. Abort drops them. A Begin inside an open transaction joins
+// it; an Abort inside one makes the outer Commit drop everything and fail.
+// Other threads read the open transaction's changes; their own changes wait
+// for it to end. Waits are bounded: REGDB_E_WRITEREGDB, and nothing changed,
+// when the bound passes. Commit and Abort from a thread with no transaction
+// open give E_UNEXPECTED.
+class COM_IRegistryTransaction : public COM_IUnknown {
+public:
+    virtual HRESULT Begin() = 0;
+    virtual HRESULT Commit() = 0;
+    virtual HRESULT Abort() = 0;
 };
 
 #endif

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -233,20 +234,22 @@ DOMNode* CXMLRegistry::CurrentKey() {
 
 // A change is made to the file as it is on disk now, under the writers'
 // lock, and saved at once: no process ever saves over another's change.
+// Within the calling thread's transaction, which already holds the lock and
+// has read the file, it goes into the document only.
 template <class Apply>
 HRESULT CXMLRegistry::Change(Apply apply) {
+    if (OwnsTransaction()) {
+        const HRESULT hr = ApplyToCurrentKey(apply);
+        if (SUCCEEDED(hr)) m_transaction.changed = true;
+        return hr;
+    }
+    if (!AwaitTransactionEnd()) return REGDB_E_WRITEREGDB;
     CRegistryFile::CWriterLock lock(*m_spFile);
+    if (lock.TimedOut()) return LockTimedOut();
     if (m_spFile->Changed() && FAILED(Reload())) return REGDB_E_WRITEREGDB;
-    // Another process may have deleted the key meanwhile: nothing is ever
-    // written into a key that is no longer in the document.
-    DOMNode* key = CurrentKey();
-    if (!key) return REGDB_E_KEYMISSING;
     const CCurrentKey before = t_currentKey;
-    HRESULT hr = apply(key);
+    HRESULT hr = ApplyToCurrentKey(apply);
     if (FAILED(hr)) return hr;
-    // Nodes may have been freed: other threads find their keys again. This
-    // thread's own key lies above whatever its change removed.
-    t_currentKey.generation = ++m_nGeneration;
     hr = UpdateRegistryOnDisk();
     if (SUCCEEDED(hr)) {
         m_spFile->SignalSave();
@@ -259,10 +262,114 @@ HRESULT CXMLRegistry::Change(Apply apply) {
     return hr;
 }
 
+template <class Apply>
+HRESULT CXMLRegistry::ApplyToCurrentKey(Apply apply) {
+    // Another process may have deleted the key meanwhile: nothing is ever
+    // written into a key that is no longer in the document.
+    DOMNode* key = CurrentKey();
+    if (!key) return REGDB_E_KEYMISSING;
+    const HRESULT hr = apply(key);
+    if (FAILED(hr)) return hr;
+    // Nodes may have been freed: other threads find their keys again. This
+    // thread's own key lies above whatever its change removed.
+    t_currentKey.generation = ++m_nGeneration;
+    return hr;
+}
+
+bool CXMLRegistry::OwnsTransaction() const {
+    return m_transaction.depth != 0 && m_transaction.owner == std::this_thread::get_id();
+}
+
+// Called holding m_mutex, which the wait gives up meanwhile.
+bool CXMLRegistry::AwaitTransactionEnd() {
+    return m_transactionEnded.wait_for(m_mutex, std::chrono::milliseconds(WriterWaitMilliseconds()),
+                                       [this] { return m_transaction.depth == 0; });
+}
+
+// The caller learns which file kept it waiting.
+HRESULT CXMLRegistry::LockTimedOut() {
+    utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo> info;
+    if (SUCCEEDED(CComErrorInfo::CreateErrorInfo(info.Out()))) {
+        std::wstring text = L"another process held the registry's lock file ";
+        AppendWidened(text, m_spFile->LockPath().c_str());
+        text += L" for the whole wait of ";
+        AppendWidened(text, std::to_string(WriterWaitMilliseconds()).c_str());
+        text += L" ms";
+        std::wstring location = L"registry";
+        info->SetDescription(&text[0]);
+        info->SetLocation(&location[0]);
+        CComErrorInfo::SetErrorInfo(info);
+    }
+    return REGDB_E_WRITEREGDB;
+}
+
+HRESULT CXMLRegistry::Begin() {
+    return Locked([&]() -> HRESULT {
+        if (OwnsTransaction()) {
+            ++m_transaction.depth;
+            return S_OK;
+        }
+        if (!AwaitTransactionEnd()) return REGDB_E_WRITEREGDB;
+        m_transaction.lock.emplace(*m_spFile);
+        HRESULT hr = m_transaction.lock->TimedOut() ? LockTimedOut() : S_OK;
+        if (SUCCEEDED(hr) && m_spFile->Changed() && FAILED(Reload())) hr = REGDB_E_WRITEREGDB;
+        if (FAILED(hr)) {
+            m_transaction.lock.reset();
+            return hr;
+        }
+        m_transaction.owner = std::this_thread::get_id();
+        m_transaction.depth = 1;
+        m_transaction.changed = m_transaction.abandoned = false;
+        return S_OK;
+    });
+}
+
+HRESULT CXMLRegistry::Commit() {
+    return Locked([&]() -> HRESULT {
+        if (!OwnsTransaction()) return E_UNEXPECTED;
+        if (--m_transaction.depth != 0) return S_OK;
+        if (m_transaction.abandoned) return EndTransaction(REGDB_E_WRITEREGDB);
+        if (!m_transaction.changed) return EndTransaction(S_OK);
+        const HRESULT hr = UpdateRegistryOnDisk();
+        if (SUCCEEDED(hr)) {
+            m_spFile->SignalSave();
+            m_transaction.changed = false;
+        }
+        return EndTransaction(hr);
+    });
+}
+
+HRESULT CXMLRegistry::Abort() {
+    return Locked([&]() -> HRESULT {
+        if (!OwnsTransaction()) return E_UNEXPECTED;
+        if (--m_transaction.depth != 0) {
+            m_transaction.abandoned = true;
+            return S_OK;
+        }
+        return EndTransaction(S_OK);
+    });
+}
+
+// Unsaved changes leave the document, which goes back to what the file
+// holds; then the lock goes, and the threads waiting for it are woken.
+HRESULT CXMLRegistry::EndTransaction(HRESULT hr) {
+    if (m_transaction.changed && FAILED(Reload())) m_spFile->Forget();
+    m_transaction.lock.reset();
+    m_transaction.depth = 0;
+    m_transaction.owner = std::thread::id();
+    m_transactionEnded.notify_all();
+    return hr;
+}
+
 HRESULT CXMLRegistry::QueryInterface(const COM_GUID& iid, void** out) {
     if (!out) return E_POINTER;
     if (iid == COM_IID_IUnknown || iid == COM_IID_IRegistry) {
         *out = static_cast<COM_IRegistry*>(this);
+        AddRef();
+        return S_OK;
+    }
+    if (iid == COM_IID_IRegistryTransaction) {
+        *out = static_cast<COM_IRegistryTransaction*>(this);
         AddRef();
         return S_OK;
     }
@@ -304,7 +411,8 @@ HRESULT CXMLRegistry::OpenHiveLocked(unsigned int hive) {
     // A long-running process sees what others registered since it
     // started. Should the file have become unreadable, the document read
     // last serves on.
-    if (m_spFile->Outdated()) Reload();
+    // An open transaction holds the lock, and its document is the newest.
+    if (m_transaction.depth == 0 && m_spFile->Outdated()) Reload();
     DOMNode* root = HiveRoot(hive);
     if (!root) return REGDB_E_KEYMISSING;
     t_currentKey.Set(root, m_nGeneration, kHiveRoots[hive - 1]);

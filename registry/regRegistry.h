@@ -2,11 +2,14 @@
 #ifndef VELTCOM_REGISTRY_REGREGISTRY_H
 #define VELTCOM_REGISTRY_REGREGISTRY_H
 
+#include <condition_variable>
 #include <cstdint>
 #include <initializer_list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
@@ -24,10 +27,12 @@
 //
 // Every change is saved at once, under a lock that all processes changing
 // the file take; a process whose file was replaced by another reloads it
-// before changing it, and when it next opens a hive.
+// before changing it, and when it next opens a hive. A transaction holds
+// that lock from Begin to Commit, and saves once.
 class CXMLRegistry : public COM_CComObjectRoot,
                      public COM_CComCoClass<CXMLRegistry, &COM_CLSID_Registry>,
-                     public COM_IRegistry {
+                     public COM_IRegistry,
+                     public COM_IRegistryTransaction {
 public:
     COM_DECLARE_REGISTRY(L"ZarvoCOM.Registry", nullptr, nullptr)
 
@@ -60,6 +65,10 @@ public:
     HRESULT EnumKeys(COM_IEnumBSTR** out) override;
     HRESULT EnumValues(COM_IEnumBSTR** out) override;
 
+    HRESULT Begin() override;
+    HRESULT Commit() override;
+    HRESULT Abort() override;
+
     // Reads the default value of a key as Open(hive, keys[0]), an
     // OpenKey for each further name, GetValueString(L"", ...) and, when all
     // of them succeed, Close() would, one after the other and with the same
@@ -85,6 +94,12 @@ private:
     HRESULT Locked(Operation operation);
     template <class Apply>
     HRESULT Change(Apply apply);
+    template <class Apply>
+    HRESULT ApplyToCurrentKey(Apply apply);
+    bool OwnsTransaction() const;
+    bool AwaitTransactionEnd();
+    HRESULT LockTimedOut();
+    HRESULT EndTransaction(HRESULT hr);
     HRESULT Reload();
     HRESULT Parse(std::string_view content);
     xercesc::DOMNode* CurrentKey();
@@ -111,6 +126,20 @@ private:
     uint64_t m_nRootsGeneration = 0;
     utlAutoPtr<xercesc::XercesDOMParser> m_spParser;
     utlAutoPtr<xercesc::ErrorHandler> m_spErrorHandler;
+
+    // The open transaction, when depth is not 0: the thread that began it,
+    // the Begins it has not ended yet, the writers' lock it holds, whether
+    // the document differs from the file, and whether an inner Abort has
+    // condemned it.
+    struct CTransaction {
+        std::thread::id owner;
+        unsigned int depth = 0;
+        std::optional<CRegistryFile::CWriterLock> lock;
+        bool changed = false;
+        bool abandoned = false;
+    } m_transaction;
+    // Other threads' changes and Begins wait on it, holding m_mutex.
+    std::condition_variable_any m_transactionEnded;
 };
 
 // Hands out copies of an owned array of names; a slot may be null.

@@ -26,6 +26,13 @@ const unsigned int kReentrantServiceNumber = 7;
 // What the failing factory's CreateInstance returns.
 const HRESULT kFailingFactoryResult = static_cast<HRESULT>(0x80040110);
 
+// The component of many classes, an installation of realistic size: class n
+// has this identifier and the ProgID "Test.Many<n>".
+const unsigned int kManyClasses = 200;
+constexpr COM_GUID ManyClassId(unsigned int n) {
+    return {0x5A1E1000 + n, 0x0000, 0x4000, {0x80, 0, 0, 0, 0, 0, 0x10, 0x00}};
+}
+
 class ICounter : public COM_IUnknown {
 public:
     virtual HRESULT Increment(long* value) = 0;

@@ -397,24 +397,4 @@ TEST_F(RegistryDurability, ASaveKeepsModeOwnerAndLinkAndTheLastDocumentAsBackup)
                                                                    "registry.xml.lock"}));
 }
 
-TEST_F(RegistryDurability, ALongRunningProcessSeesOthersChangesAtItsNextOpenAndKeepsThem) {
-    RegistryPtr registry = OpenAt(1, L"CLSID");
-    ASSERT_TRUE(registry);
-    ASSERT_EQ(registry->SetValueString(L"mine", L"1"), S_OK);
-    // A child made by fork starts from this process's document and lock.
-    ASSERT_EQ(InChild([] {
-        RegistryPtr child = OpenAt(1, L"CLSID");
-        return child && child->CreateKey(L"Later", 0) == S_OK && child->SetValueString(L"theirs", L"2") == S_OK ? 0
-                                                                                                                : 1;
-    }), 0);
-    ASSERT_EQ(registry->Open(1, L"CLSID\\Later"), S_OK);
-    ASSERT_EQ(registry->Open(1, L"CLSID"), S_OK);
-    EXPECT_EQ(StringAt(registry.Get(), L"theirs"), L"2");
-    ASSERT_EQ(registry->SetValueString(L"mine", L"3"), S_OK);
-    EXPECT_EQ(InChild([] {
-        RegistryPtr child = OpenAt(1, L"CLSID");
-        return child && StringAt(child.Get(), L"theirs") == L"2" && StringAt(child.Get(), L"mine") == L"3" ? 0 : 1;
-    }), 0);
-}
-
 }  // namespace

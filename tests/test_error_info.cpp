@@ -1,171 +1,116 @@
 // Error-information objects and the process-wide current-error slot.
 #include <gtest/gtest.h>
 
-#include <cwchar>
+#include <tuple>
 
 #include "core/coreInternal.h"
+#include "testSupport.h"
 
 namespace {
 
 using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
 
-COM_IErrorInfo* const kUntouched = reinterpret_cast<COM_IErrorInfo*>(0xdeadbeef);
+COM_IErrorInfo* const kUntouched = Unwritten<COM_IErrorInfo>();
 
 std::wstring Description(COM_IErrorInfo* info) {
-    wchar_t* text = nullptr;
+    wchar_t* text = Unwritten<wchar_t>();
     EXPECT_EQ(info->GetDescription(&text), S_OK);
-    std::wstring result = text ? std::wstring(text, COM_SysStringLen(text)) : L"<null>";
-    COM_SysFreeString(text);
-    return result;
+    return Take(text);
 }
 
 }  // namespace
 
-TEST(ErrorInfo, FreshObjectReadsZerosAndEmptyTexts) {
+// A fresh object reads zeros and empty texts; setters copy, and a null or
+// empty text keeps the previous one.
+TEST(ErrorInfo, FieldsStartEmptyAndSettersCopy) {
     ErrorInfoPtr info;
     ASSERT_EQ(COM_CreateErrorInfo(info.Out()), S_OK);
     int code = 7;
-    long line = 7;
-    long column = 7;
+    long line = 7, column = 7;
+    wchar_t* location = Unwritten<wchar_t>();
     EXPECT_EQ(info->GetHRESULT(&code), S_OK);
     EXPECT_EQ(info->GetLineInfo(&line, &column), S_OK);
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(line, 0);
-    EXPECT_EQ(column, 0);
-    wchar_t* location = nullptr;
     EXPECT_EQ(info->GetLocation(&location), S_OK);
-    EXPECT_EQ(COM_SysStringLen(location), 0u);
-    COM_SysFreeString(location);
-}
+    EXPECT_EQ(std::make_tuple(code, line, column, Take(location)), std::make_tuple(0, 0L, 0L, std::wstring()));
 
-TEST(ErrorInfo, SettersCopyAndNullOrEmptyKeepsThePreviousText) {
-    ErrorInfoPtr info;
-    ASSERT_EQ(COM_CreateErrorInfo(info.Out()), S_OK);
-    wchar_t text[] = L"first";
+    wchar_t text[] = L"first", empty[] = L"", where[] = L"JCOM_API:COM_CreateInstance";
     EXPECT_EQ(info->SetDescription(text), S_OK);
-    text[0] = L'X';  // the object holds its own copy
-    EXPECT_EQ(Description(info), L"first");
-    wchar_t empty[] = L"";
+    text[0] = L'X';
     EXPECT_EQ(info->SetDescription(empty), S_OK);
     EXPECT_EQ(info->SetDescription(nullptr), S_OK);
     EXPECT_EQ(Description(info), L"first");
-
-    wchar_t where[] = L"JCOM_API:COM_CreateInstance";
     info->SetLocation(where);
     info->SetLineInfo(12, -3);
     info->SetHRESULT(E_FAIL);
-    wchar_t* location = nullptr;
     info->GetLocation(&location);
-    EXPECT_EQ(std::wcscmp(location, where), 0);
-    COM_SysFreeString(location);
-    long line = 0;
-    long column = 0;
-    int code = 0;
     info->GetLineInfo(&line, &column);
     info->GetHRESULT(&code);
-    EXPECT_EQ(line, 12);
-    EXPECT_EQ(column, -3);
-    EXPECT_EQ(code, E_FAIL);
+    EXPECT_EQ(std::make_tuple(code, line, column, Take(location)),
+              std::make_tuple(E_FAIL, 12L, -3L, std::wstring(where)));
 }
 
-TEST(ErrorInfo, AnswersOnlyItsTwoInterfaces) {
-    ErrorInfoPtr info;
-    ASSERT_EQ(COM_CreateErrorInfo(info.Out()), S_OK);
-    void* out = kUntouched;
-    EXPECT_EQ(info->QueryInterface(COM_IID_IUnknown, &out), S_OK);
-    EXPECT_EQ(out, static_cast<void*>(info.Get()));
-    static_cast<COM_IUnknown*>(out)->Release();
-    out = kUntouched;
-    EXPECT_EQ(info->QueryInterface(COM_IID_ICreateErrorInfo, &out), E_NOINTERFACE);
-    EXPECT_EQ(out, nullptr);
-}
-
-TEST(ErrorInfo, ObjectsHoldOneModuleLockWhileAlive) {
+// Two interfaces only; each object holds one module lock while alive, and a
+// new object asked for an interface it lacks is destroyed again.
+TEST(ErrorInfo, AnswersOnlyItsTwoInterfacesAndHoldsOneModuleLock) {
     const int before = g_theModule.GetLockCount();
     COM_IErrorInfo* info = nullptr;
     ASSERT_EQ(COM_CreateErrorInfo(&info), S_OK);
     EXPECT_EQ(g_theModule.GetLockCount(), before + 1);
-    EXPECT_EQ(info->AddRef(), 2u);
+    void* out = kUntouched;
+    EXPECT_EQ(info->QueryInterface(COM_IID_IUnknown, &out), S_OK);
+    EXPECT_EQ(out, static_cast<void*>(info));
     EXPECT_EQ(g_theModule.GetLockCount(), before + 1);
     EXPECT_EQ(info->Release(), 1u);
+    out = kUntouched;
+    EXPECT_EQ(info->QueryInterface(COM_IID_ICreateErrorInfo, &out), E_NOINTERFACE);
+    EXPECT_EQ(out, nullptr);
     EXPECT_EQ(info->Release(), 0u);
     EXPECT_EQ(g_theModule.GetLockCount(), before);
-}
 
-TEST(ErrorInfo, UnservedInterfaceDestroysTheNewObject) {
-    const int before = g_theModule.GetLockCount();
-    void* out = kUntouched;
+    out = kUntouched;
     EXPECT_EQ(CErrorInfo::CreateInstance(COM_IID_IRegistry, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(g_theModule.GetLockCount(), before);
 }
 
-TEST(CurrentError, EmptySlotAnswersFalseAndLeavesThePointer) {
+// The slot holds one reference: reading hands out more, setting the object
+// it holds changes no count, and clearing, setting null or replacing gives
+// the slot's reference back. An empty slot answers S_FALSE and writes nothing.
+TEST(CurrentError, TheSlotHoldsOneReference) {
+    const int before = g_theModule.GetLockCount();
     COM_IErrorInfo* out = kUntouched;
     EXPECT_EQ(COM_GetErrorInfo(&out), S_FALSE);
     EXPECT_EQ(out, kUntouched);
-}
 
-TEST(CurrentError, ReadingKeepsTheErrorAndHandsOutReferences) {
     ErrorInfoPtr info;
     ASSERT_EQ(COM_CreateErrorInfo(info.Out()), S_OK);
     EXPECT_EQ(COM_SetErrorInfo(info), S_OK);
-    // Ours and the slot's.
-    EXPECT_EQ(info->AddRef(), 3u);
-    info->Release();
-
-    ErrorInfoPtr first;
-    ErrorInfoPtr second;
+    EXPECT_EQ(RefCount(info), 2u);
+    ErrorInfoPtr first, second;
     EXPECT_EQ(COM_GetErrorInfo(first.Out()), S_OK);
     EXPECT_EQ(COM_GetErrorInfo(second.Out()), S_OK);
-    EXPECT_EQ(first.Get(), info.Get());
-    EXPECT_EQ(second.Get(), info.Get());
-    EXPECT_EQ(info->AddRef(), 5u);
-    info->Release();
-
-    // Setting the object already held changes no count.
+    EXPECT_TRUE(first.Get() == info.Get() && second.Get() == info.Get());
     EXPECT_EQ(COM_SetErrorInfo(info), S_OK);
-    EXPECT_EQ(info->AddRef(), 5u);
-    info->Release();
-}
+    EXPECT_EQ(RefCount(info), 4u);
+    first.Reset();
+    second.Reset();
 
-TEST(CurrentError, ClearingOrSettingNullReleasesTheSlotsReference) {
-    ErrorInfoPtr info;
-    ASSERT_EQ(COM_CreateErrorInfo(info.Out()), S_OK);
-    COM_SetErrorInfo(info);
     EXPECT_EQ(COM_ClearErrorInfo(), S_OK);
-    EXPECT_EQ(info->AddRef(), 2u);
-    info->Release();
-    COM_IErrorInfo* out = kUntouched;
+    EXPECT_EQ(RefCount(info), 1u);
     EXPECT_EQ(COM_GetErrorInfo(&out), S_FALSE);
-
     COM_SetErrorInfo(info);
     EXPECT_EQ(COM_SetErrorInfo(nullptr), S_OK);
-    EXPECT_EQ(info->AddRef(), 2u);
-    info->Release();
+    EXPECT_EQ(RefCount(info), 1u);
     EXPECT_EQ(COM_GetErrorInfo(&out), S_FALSE);
     EXPECT_EQ(out, kUntouched);
-}
 
-TEST(CurrentError, ReplacingReleasesTheOldError) {
-    const int before = g_theModule.GetLockCount();
-    COM_IErrorInfo* first = nullptr;
-    COM_CreateErrorInfo(&first);
-    COM_SetErrorInfo(first);
-    first->Release();  // the slot now holds the only reference
-    ErrorInfoPtr second;
-    COM_CreateErrorInfo(second.Out());
-    COM_SetErrorInfo(second);
+    COM_SetErrorInfo(info);
+    info.Reset();  // the slot now holds the only reference
+    ErrorInfoPtr replacement;
+    COM_CreateErrorInfo(replacement.Out());
+    COM_SetErrorInfo(replacement);
     EXPECT_EQ(g_theModule.GetLockCount(), before + 1);
     COM_ClearErrorInfo();
-}
-
-TEST(Lifecycle, InitializeAndUninitializeDoNothingInAnyOrder) {
-    EXPECT_EQ(COM_Uninitialize(), S_OK);
-    EXPECT_EQ(COM_Initialize(), S_OK);
-    EXPECT_EQ(COM_Initialize(), S_OK);
-    EXPECT_EQ(COM_Uninitialize(), S_OK);
-    EXPECT_EQ(COM_Uninitialize(), S_OK);
 }
 
 namespace {
@@ -173,7 +118,11 @@ bool g_handlerCalled = false;
 void Handler() { g_handlerCalled = true; }
 }  // namespace
 
-TEST(Lifecycle, ExitHandlerIsNeverCalled) {
+// Initialize and Uninitialize do nothing in any order; the exit handler is
+// never called.
+TEST(Lifecycle, InitializeAndUninitializeDoNothingAndNoExitHandlerIsCalled) {
+    for (HRESULT hr : {COM_Uninitialize(), COM_Initialize(), COM_Initialize(), COM_Uninitialize(), COM_Uninitialize()})
+        EXPECT_EQ(hr, S_OK);
     COM_RegisterExitHandler(&Handler, 1);
     EXPECT_FALSE(g_handlerCalled);
 }

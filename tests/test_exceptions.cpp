@@ -1,8 +1,6 @@
 // The one-line descriptions that the exception classes write to a stream.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <ios>
 #include <sstream>
 #include <string>
@@ -21,47 +19,36 @@ std::wstring Describe(const CVXException& e) {
 
 }  // namespace
 
-TEST(Exceptions, MemoryAndRangeWriteTheirLabelAlone) {
-    EXPECT_EQ(Describe(CVXMemoryException()), L"Memory Exception");
-    EXPECT_EQ(Describe(CVXRangeException()), L"Range Exception");
+// Each class's label and what follows it: the COM code in bare lower-case
+// hex, the system's text or, without one, the number again in decimal.
+TEST(Exceptions, EachClassWritesItsLabelAndDetail) {
+    const CVXSystemException system(2);
+    EXPECT_EQ(system.SystemError(), 2);
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {Describe(CVXMemoryException()), L"Memory Exception"},
+        {Describe(CVXRangeException()), L"Range Exception"},
+        {Describe(CVXComException(E_FAIL)), L"COM Exception80004005"},
+        {Describe(CVXComException(0x8067000A)), L"COM Exception8067000a"},
+        {Describe(CVXComException(S_OK)), L"COM Exception0"},
+        {Describe(system), L"System Exception2: " + SystemText(2)},
+        {Describe(CVXSystemException(-1)), L"System Exception-1: Unknown Exception-1"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.first, c.second);
+    EXPECT_STREQ(CVXException::s_rgModule, "");
 }
 
-TEST(Exceptions, ComExceptionAppendsTheCodeInBareLowerCaseHex) {
-    EXPECT_EQ(Describe(CVXComException(E_FAIL)), L"COM Exception80004005");
-    EXPECT_EQ(Describe(CVXComException(0x8067000A)), L"COM Exception8067000a");
-    EXPECT_EQ(Describe(CVXComException(S_OK)), L"COM Exception0");
-}
-
-TEST(Exceptions, ComExceptionLeavesTheStreamInHexAndKeepsItsCaseFlag) {
-    std::wostringstream out;
-    out << CVXComException(E_FAIL) << 255 << L' ' << std::uppercase << CVXComException(0x8067000A);
-    EXPECT_EQ(out.str(), L"COM Exception80004005ff COM Exception8067000A");
-}
-
-TEST(Exceptions, SystemExceptionAppendsTheSystemsText) {
-    const CVXSystemException e(2);
-    EXPECT_EQ(e.SystemError(), 2);
-    EXPECT_EQ(Describe(e), L"System Exception2: " + SystemText(2));
-}
-
-TEST(Exceptions, SystemExceptionWithoutSystemTextRepeatsTheNumberInDecimal) {
-    EXPECT_EQ(Describe(CVXSystemException(-1)), L"System Exception-1: Unknown Exception-1");
-    // The label's number follows the stream's base; the text's is always decimal.
-    std::wostringstream out;
-    out << std::hex << CVXSystemException(4711);
-    EXPECT_EQ(out.str(), L"System Exception1267: Unknown Exception4711");
-}
-
-TEST(Exceptions, StreamOperatorDispatchesThroughTheBaseAndReturnsTheStream) {
+// The operator dispatches through the base and returns the stream; the COM
+// code leaves the stream in hex with its case flag kept, and the system
+// number in the label follows the stream's base while the text's is decimal.
+TEST(Exceptions, TheStreamOperatorChainsAndFollowsTheStreamsFlags) {
     std::wostringstream out;
     try {
         throw CVXRangeException();
     } catch (const CVXException& e) {
-        std::wostream& result = out << e;
-        EXPECT_EQ(&result, &out);
+        EXPECT_EQ(&(out << e), &out);
     }
-    out << L'|' << CVXMemoryException();
-    EXPECT_EQ(out.str(), L"Range Exception|Memory Exception");
+    out << L'|' << CVXComException(E_FAIL) << 255 << L' ' << std::uppercase << CVXComException(0x8067000A)
+        << L'|' << CVXSystemException(4711);
+    EXPECT_EQ(out.str(), L"Range Exception|COM Exception80004005ff COM Exception8067000A|"
+                         L"System Exception1267: Unknown Exception4711");
 }
-
-TEST(Exceptions, RuntimeModuleNameIsEmpty) { EXPECT_STREQ(CVXException::s_rgModule, ""); }

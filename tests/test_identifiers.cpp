@@ -5,19 +5,12 @@
 #include <cwchar>
 
 #include "core/coreInternal.h"
+#include "testSupport.h"
 
 namespace {
 
 const COM_GUID kSample = {0x0123ABCD, 0xABCD, 0xABCD, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
 const COM_GUID kSentinel = {0xdeadbeef, 0xdead, 0xbeef, {1, 1, 1, 1, 1, 1, 1, 1}};
-
-std::wstring TextOf(const COM_GUID& id) {
-    wchar_t* text = nullptr;
-    EXPECT_EQ(COM_CLSIDToString(id, &text), S_OK);
-    std::wstring result(text, COM_SysStringLen(text));
-    COM_SysFreeString(text);
-    return result;
-}
 
 }  // namespace
 
@@ -38,7 +31,9 @@ TEST(IdentifierText, ReadsItsOwnOutputAndAnyCase) {
     }
 }
 
-TEST(IdentifierText, MalformedTextIsRejectedAndLeavesTheOutputAlone) {
+// Malformed text, null arguments and generation, which is not supported,
+// leave the output alone.
+TEST(IdentifierText, MalformedTextAndNullArgumentsAreRejectedAndLeaveTheOutputAlone) {
     for (const wchar_t* text : {L"{0123ABCD-ABCD-abcd-0123-456789ABCDEF}",
                                 L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF}",
                                 L"_0123ABCD_ABCD-abcd-0123-456789ABCDEF_",
@@ -49,17 +44,17 @@ TEST(IdentifierText, MalformedTextIsRejectedAndLeavesTheOutputAlone) {
         EXPECT_EQ(COM_StringToCLSID(text, &id), E_INVALIDARG) << text;
         EXPECT_TRUE(id == kSentinel) << text;
     }
-}
-
-TEST(IdentifierText, NullArgumentsGivePointerErrors) {
     COM_GUID id = kSentinel;
     EXPECT_EQ(COM_StringToCLSID(L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF_", nullptr), E_POINTER);
     EXPECT_EQ(COM_StringToCLSID(nullptr, &id), E_POINTER);
-    EXPECT_TRUE(id == kSentinel);
     EXPECT_EQ(COM_CLSIDToString(kSample, nullptr), E_POINTER);
+    EXPECT_EQ(COM_GenerateCLSID(&id), E_NOTIMPL);
+    EXPECT_TRUE(id == kSentinel);
 }
 
-TEST(IdentifierText, DigitsAreClassifiedByTheirLowByte) {
+// Hex digits are classified by their low byte; GetHex leaves everything
+// alone on a non-digit.
+TEST(IdentifierText, HexDigitsAreReadByTheirLowByte) {
     // U+0141 has the low byte 0x41, 'A'.
     std::wstring text = L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF_";
     text[5] = 0x0141;
@@ -68,14 +63,13 @@ TEST(IdentifierText, DigitsAreClassifiedByTheirLowByte) {
     EXPECT_TRUE(id == kSample);
 
     int position = 0;
-    unsigned short value = 7;
-    EXPECT_TRUE(GetHex(L"\x0146\x0130", position, 2, value));
-    EXPECT_EQ(value, 0xF0);
+    unsigned short wide = 7;
+    EXPECT_TRUE(GetHex(L"\x0146\x0130", position, 2, wide));
+    EXPECT_EQ(wide, 0xF0);
     EXPECT_EQ(position, 2);
-}
 
-TEST(IdentifierText, GetHexLeavesEverythingAloneOnANonDigit) {
-    int position = 1;
+    // A non-digit leaves everything alone.
+    position = 1;
     unsigned char value = 0x5A;
     EXPECT_FALSE(GetHex(L"x1z", position, 2, value));
     EXPECT_EQ(position, 1);
@@ -92,19 +86,12 @@ TEST(IdentifierText, GetHexLeavesEverythingAloneOnANonDigit) {
     EXPECT_EQ(position, 3);
 }
 
-TEST(IdentifierText, GenerationIsNotSupported) {
-    COM_GUID id = kSentinel;
-    EXPECT_EQ(COM_GenerateCLSID(&id), E_NOTIMPL);
-    EXPECT_TRUE(id == kSentinel);
-}
-
 TEST(Identifiers, ComparisonCoversAllSixteenBytes) {
-    COM_GUID a = kSample;
     COM_GUID b = kSample;
-    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(kSample == b);
     b.Data4[7] ^= 1;
-    EXPECT_TRUE(a != b);
+    EXPECT_TRUE(kSample != b);
     b = kSample;
     b.Data1 ^= 0x80000000;
-    EXPECT_FALSE(a == b);
+    EXPECT_FALSE(kSample == b);
 }

@@ -64,28 +64,6 @@ TEST(VirtualArena, BlocksAreAtLeastSixteenBytesAndPagesAreCommittedWhole) {
     EXPECT_EQ(strategy.GetAvailableMemory(), kPage);
 }
 
-TEST(VirtualArena, FreeListIsNewestFirstFirstFitCutsTailsAndNeverMerges) {
-    Strategy strategy(nullptr, kPage, true, nullptr);
-    char* a = At(strategy.Alloc(8));   // 16
-    char* b = At(strategy.Alloc(24));  // 32, right after a
-    char* c = At(strategy.Alloc(8));   // 16
-    char* guard = At(strategy.Alloc(8));
-    for (char* p : {a, b, c}) strategy.Free(p);
-    EXPECT_EQ(FreeCount(strategy), Pair(3, 40));
-    EXPECT_EQ(strategy.Alloc(32), guard + 16);  // a and b side by side would hold 40, but never merge
-    EXPECT_EQ(strategy.Alloc(9), b);  // c is newest but too small; 24 from 32 leaves 8: taken whole,
-    EXPECT_EQ(BlockSizeOf(b), 32u);   // the slack stays with the caller
-    EXPECT_EQ(strategy.Alloc(8), c);
-    EXPECT_EQ(strategy.Alloc(8), a);
-
-    strategy.Free(b);
-    EXPECT_EQ(strategy.Alloc(8), b + 16);  // the tail of the 32-byte block,
-    EXPECT_EQ(BlockSizeOf(b), 16u);        // which shrank in place
-    EXPECT_EQ(FreeCount(strategy), Pair(1, 8));
-    EXPECT_EQ(strategy.Alloc(1), b);  // an exact fit is taken whole
-    EXPECT_EQ(FreeCount(strategy), Pair(0, 0));
-}
-
 TEST(VirtualArena, WithoutReuseFreeIgnoresEveryPointerAndKeepsNoFreeList) {
     Strategy strategy(nullptr, kPage, false, nullptr);
     char* p = At(strategy.Alloc(8));
@@ -99,14 +77,12 @@ TEST(VirtualArena, WithoutReuseFreeIgnoresEveryPointerAndKeepsNoFreeList) {
 TEST(VirtualArena, FreeOfAPointerNoArenaHoldsThrowsInvalidArgumentWithReuse) {
     Strategy strategy(nullptr, 4 * kPage, true, nullptr);
     char* p = At(strategy.Alloc(8));
-    const std::string expected = "CVirtualAllocationStrategy::FindArenaOfBlock: Block is not in any arena";
-    EXPECT_EQ(std::wstring(g_wszMeBlockNotInArena), std::wstring(expected.begin(), expected.end()));
     int local = 0;
     // Not mapped; mapped but above the bump pointer; a block starting below
     // the arena; misaligned; null.
     for (void* wrong : {static_cast<void*>(&local), static_cast<void*>(p + 64), static_cast<void*>(p - 8),
                         static_cast<void*>(p + 3), static_cast<void*>(nullptr)})
-        EXPECT_EQ(FreeFailure(strategy, wrong), expected) << wrong;
+        EXPECT_EQ(FreeFailure(strategy, wrong), g_szMeBlockNotInArena) << wrong;
     EXPECT_EQ(FreeCount(strategy).first, 0u);
 
     // The memory object passes it on and does not count the free.
@@ -212,6 +188,8 @@ TEST(VirtualArena, DiagnosticTextsAreExportedExactlyAsWritten) {
         {g_wszMeNewArenaAllocFailed,
          L"CVirtualAllocationStrategy::Alloc Failed to allocate memory in new arena - OUT OF MEMORY "
          L"*OR* MEMORY REQUEST EXCEEDS ARENA SIZE"},
+        {g_wszMeBlockNotInArena, L"CVirtualAllocationStrategy::FindArenaOfBlock: Block is not in any arena"},
     };
     for (const auto& text : texts) EXPECT_STREQ(text.first, text.second);
+    EXPECT_STREQ(g_szMeBlockNotInArena, "CVirtualAllocationStrategy::FindArenaOfBlock: Block is not in any arena");
 }

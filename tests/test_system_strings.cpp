@@ -18,14 +18,12 @@ wchar_t* const kUntouched = reinterpret_cast<wchar_t*>(0xdeadbeef);
 
 }  // namespace
 
-TEST(SystemStrings, NullIsAValidEmptyString) {
+// Null is a valid empty string.
+TEST(SystemStrings, PrefixHoldsByteLengthAndZeroFollowsTheCharacters) {
     EXPECT_EQ(COM_SysAllocString(nullptr), nullptr);
     EXPECT_EQ(COM_SysStringLen(nullptr), 0u);
     EXPECT_EQ(COM_SysStringByteLen(nullptr), 0u);
     EXPECT_EQ(COM_SysFreeString(nullptr), 1);
-}
-
-TEST(SystemStrings, PrefixHoldsByteLengthAndZeroFollowsTheCharacters) {
     wchar_t* s = COM_SysAllocString(L"abc");
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(Prefix(s), 12u);
@@ -116,7 +114,7 @@ TEST(SystemStrings, ReAllocationRefusesEmptyAndNullRequests) {
     COM_SysFreeString(fromNull);
 }
 
-TEST(TaskMemory, SuccessIsZeroAndFailureIsOneWithNullStored) {
+TEST(TaskMemory, SuccessIsZeroAndFailureIsOneWithNullStoredAndNothingIsCounted) {
     void* p = kUntouched;
     EXPECT_EQ(COM_TaskMemAlloc(64, &p), 0);
     EXPECT_NE(p, nullptr);
@@ -127,13 +125,9 @@ TEST(TaskMemory, SuccessIsZeroAndFailureIsOneWithNullStored) {
     EXPECT_EQ(p, nullptr);
     EXPECT_EQ(COM_TaskMemAlloc(16, nullptr), 1);
     EXPECT_EQ(COM_TaskMemFree(nullptr), 0);
-}
 
-TEST(TaskMemory, StatisticsStayAtZeroWhateverIsAllocated) {
+    // The statistics stay at zero whatever is allocated.
     for (int i = 0; i < 10; ++i) COM_SysFreeString(COM_SysAllocString(L"count me"));
-    void* p;
-    COM_TaskMemAlloc(8, &p);
-    COM_TaskMemFree(p);
     long allocs = -1;
     long frees = -1;
     EXPECT_EQ(COM_GetSysStats(&allocs, &frees), S_OK);

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -382,12 +383,14 @@ int64_t WriterWaitMilliseconds() {
 // pause between tries growing to a few milliseconds.
 CRegistryFile::CWriterLock::CWriterLock(CRegistryFile& file) : m_fd(file.LockDescriptor()) {
     if (m_fd < 0) return;
-    const int64_t deadline = CoarseMilliseconds() + WriterWaitMilliseconds();
+    // Not the coarse clock, which may lag by a tick and so end the wait early.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(WriterWaitMilliseconds());
     useconds_t pause = 200;
     while (flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
         const int error = errno;
         if (error == EINTR) continue;
-        if (error != EWOULDBLOCK || CoarseMilliseconds() >= deadline) {
+        if (error != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) {
             m_bTimedOut = error == EWOULDBLOCK;
             m_fd = -1;
             return;

@@ -1,6 +1,7 @@
 #include "testSupport.h"
 
 #include <dlfcn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
@@ -8,6 +9,18 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+pid_t SpawnChild(const std::function<int()>& body) {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+
+int ChildResult(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 void TempDirTest::SetUp() {
     char cwd[PATH_MAX];

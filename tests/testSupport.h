@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 #include <veltcom.h>
 
+#include <sys/types.h>
+
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,6 +59,12 @@ inline RegistryPtr Registry() {
     EXPECT_EQ(registry.CreateInstance(COM_CLSID_Registry), S_OK);
     return registry;
 }
+
+// Runs `body` in a child process made by fork, whose exit code is its
+// result: a test assertion in a child would go unseen.
+pid_t SpawnChild(const std::function<int()>& body);
+// The child's exit code, or 128 + the signal that ended it.
+int ChildResult(pid_t pid);
 
 // Runs a test in a fresh temporary directory that is also the working
 // directory, with COMLIB pointing at it; removed again afterwards.

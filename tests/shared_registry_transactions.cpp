@@ -1,0 +1,242 @@
+// Registry transactions with real processes: installations killed part way,
+// two installers at once, a lock another process holds, transactions ended
+// every way, and what the other threads of the process see meanwhile.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "testComponents.h"
+#include "testSupport.h"
+
+namespace {
+
+using TransactionPtr = utlAutoIf<COM_IRegistryTransaction, &COM_IID_IRegistryTransaction>;
+using Clock = std::chrono::steady_clock;
+
+// Survey() results besides an InstallCount.
+const int kPartial = 100;
+const int kUnreadable = 101;
+
+std::wstring DefaultValue(COM_IRegistry* registry, const std::wstring& path) {
+    wchar_t* value = nullptr;
+    if (registry->Open(1, path.c_str()) != S_OK || registry->GetValueString(L"", &value) != S_OK)
+        return L"";
+    return Take(value);
+}
+
+// How the many-class component stands in the registry for a process that
+// loads the file now: 0 when none of its classes or ProgIDs is there, n when
+// every class is there, with its ProgID, and counts n installations;
+// otherwise kPartial. Run in a fresh child, which reads the file anew.
+int Survey() {
+    RegistryPtr registry;
+    if (FAILED(registry.CreateInstance(COM_CLSID_Registry))) return kUnreadable;
+    int found = -1;
+    for (unsigned int n = 0; n < kManyClasses; ++n) {
+        const std::wstring classKey = L"CLSID\\" + TextOf(ManyClassId(n));
+        const bool hasClass = registry->Open(1, classKey.c_str()) == S_OK;
+        const bool hasProgId = registry->Open(1, (L"Test.Many" + std::to_wstring(n)).c_str()) == S_OK;
+        int state = kPartial;
+        if (!hasClass && !hasProgId) state = 0;
+        if (hasClass && hasProgId) state = std::wcstol(DefaultValue(registry, classKey + L"\\InstallCount").c_str(), nullptr, 10);
+        if (found != -1 && state != found) return kPartial;
+        found = state;
+    }
+    return found;
+}
+
+int SurveyInChild() { return ChildResult(SpawnChild(Survey)); }
+
+class RegistryTransactions : public ComponentTest {
+protected:
+    void SetUp() override {
+        ComponentTest::SetUp();
+        m_many = LoadComponent(COMPONENT_testmany);
+        // Made by a child: this process keeps no registry of its own, so
+        // that every look at the file is a fresh load.
+        ASSERT_EQ(SurveyInChild(), 0);
+        m_empty = ReadFile("Registry.XML");
+    }
+    void TearDown() override {
+        unsetenv("VELTCOM_REGISTRY_WAIT_MS");
+        ComponentTest::TearDown();
+    }
+
+    int Install(const char* entry) const { return CallEntry(m_many, entry) == S_OK ? 0 : 1; }
+
+    void* m_many = nullptr;
+    std::string m_empty;
+};
+
+TEST_F(RegistryTransactions, AnInstallationKilledAtAnyMomentLeavesNoneOrAllOfItsClasses) {
+    const Clock::time_point start = Clock::now();
+    ASSERT_EQ(ChildResult(SpawnChild([&] { return Install("DllRegisterServer"); })), 0);
+    const auto whole = Clock::now() - start;
+    ASSERT_EQ(SurveyInChild(), 1);
+
+    // Kills from the start of the process to past the end of its save.
+    std::mt19937 random(18);
+    std::uniform_int_distribution<long> delay(0, std::chrono::duration_cast<std::chrono::microseconds>(whole).count() * 6 / 5);
+    int seen[2] = {0, 0};
+    for (int round = 0; round < 20; ++round) {
+        WriteFile("Registry.XML", m_empty);
+        const pid_t installer = SpawnChild([&] { return Install("DllRegisterServer"); });
+        std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
+        kill(installer, SIGKILL);
+        ChildResult(installer);
+        const int found = SurveyInChild();
+        ASSERT_TRUE(found == 0 || found == 1) << "round " << round << " left " << found;
+        ++seen[found];
+    }
+    RecordProperty("none", seen[0]);
+    RecordProperty("all", seen[1]);
+}
+
+TEST_F(RegistryTransactions, TwoInstallersAtOnceCountTwoAndTwoRemoversAtOnceLeaveNothing) {
+    for (int round = 0; round < 3; ++round) {
+        for (const char* entry : {"DllRegisterServer", "DllUnregisterServer"}) {
+            // Both start when the pipe closes.
+            int start[2];
+            ASSERT_EQ(pipe(start), 0);
+            pid_t installers[2];
+            for (pid_t& installer : installers) {
+                installer = SpawnChild([&] {
+                    char byte;
+                    close(start[1]);
+                    return read(start[0], &byte, 1) == 0 ? Install(entry) : 2;
+                });
+            }
+            close(start[0]);
+            close(start[1]);
+            for (pid_t installer : installers) EXPECT_EQ(ChildResult(installer), 0) << entry;
+            EXPECT_EQ(SurveyInChild(), entry[3] == 'R' ? 2 : 0) << "round " << round << ", " << entry;
+        }
+    }
+}
+
+TEST_F(RegistryTransactions, WhileAnotherProcessHoldsTheLockAWriterFailsWithinTheBoundAndChangesNothing) {
+    struct Case {
+        const char* writer;
+        std::function<HRESULT()> write;
+    };
+    const Case cases[] = {
+        {"a change", [] {
+             RegistryPtr registry = Registry();
+             return registry->Open(5, L"") == S_OK ? registry->SetValueString(L"x", L"1") : E_FAIL;
+         }},
+        {"Begin", [] {
+             TransactionPtr transaction;
+             return transaction.CreateInstance(COM_CLSID_Registry) == S_OK ? transaction->Begin() : E_FAIL;
+         }},
+        {"an installation", [this] { return CallEntry(m_many, "DllRegisterServer"); }},
+    };
+    const int lock = open(PathOf("Registry.XML.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    setenv("VELTCOM_REGISTRY_WAIT_MS", "300", 1);
+    for (const Case& c : cases) {
+        const int result = ChildResult(SpawnChild([&] {
+            const Clock::time_point start = Clock::now();
+            if (c.write() != REGDB_E_WRITEREGDB) return 1;
+            const auto waited = Clock::now() - start;
+            if (waited < std::chrono::milliseconds(300) || waited > std::chrono::seconds(5)) return 2;
+            utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo> info;
+            wchar_t* description = nullptr;
+            if (COM_GetErrorInfo(info.Out()) != S_OK || info->GetDescription(&description) != S_OK) return 3;
+            return Take(description).find(L"/Registry.XML.lock") != std::wstring::npos ? 0 : 4;
+        }));
+        EXPECT_EQ(result, 0) << c.writer;
+        EXPECT_EQ(ReadFile("Registry.XML"), m_empty) << c.writer;
+    }
+    close(lock);
+}
+
+TEST_F(RegistryTransactions, OnlyACommitChangesTheFileAndAnEndedProcessLeavesTheLockFree) {
+    // Each child opens a transaction, installs the component within it (its
+    // own transaction joins) and sets a value, then ends it as the case says.
+    struct Case {
+        const char* end;
+        int (*finish)(COM_IRegistryTransaction*);
+        int survey;
+    };
+    const Case cases[] = {
+        {"Commit", [](COM_IRegistryTransaction* t) { return t->Commit() == S_OK ? 0 : 1; }, 1},
+        {"Abort", [](COM_IRegistryTransaction* t) { return t->Abort() == S_OK ? 0 : 1; }, 0},
+        {"an inner Abort", [](COM_IRegistryTransaction* t) {
+             const bool condemned = t->Begin() == S_OK && t->Abort() == S_OK;
+             return condemned && t->Commit() == REGDB_E_WRITEREGDB && t->Commit() == E_UNEXPECTED ? 0 : 1;
+         }, 0},
+        {"exit", [](COM_IRegistryTransaction*) { return 0; }, 0},
+        {"SIGKILL", [](COM_IRegistryTransaction*) { return kill(getpid(), SIGKILL); }, 0},
+    };
+    for (const Case& c : cases) {
+        WriteFile("Registry.XML", m_empty);
+        const int result = ChildResult(SpawnChild([&] {
+            RegistryPtr registry = Registry();
+            TransactionPtr transaction;
+            if (transaction.QueryFrom(registry) != S_OK || transaction->Begin() != S_OK) return 2;
+            if (Install("DllRegisterServer") != 0 || registry->Open(5, L"") != S_OK ||
+                registry->SetValueString(L"inside", L"1") != S_OK)
+                return 3;
+            return c.finish(transaction);
+        }));
+        EXPECT_EQ(result, c.end[0] == 'S' ? 128 + SIGKILL : 0) << c.end;
+        EXPECT_EQ(SurveyInChild(), c.survey) << c.end;
+        if (c.survey == 0) {
+            EXPECT_EQ(ReadFile("Registry.XML"), m_empty) << c.end;
+        }
+        // The lock went with the transaction: a writer that may not wait at all gets it.
+        setenv("VELTCOM_REGISTRY_WAIT_MS", "0", 1);
+        EXPECT_EQ(ChildResult(SpawnChild([] {
+            RegistryPtr registry = Registry();
+            return registry->Open(5, L"") == S_OK && registry->SetValueString(L"after", L"1") == S_OK ? 0 : 1;
+        })), 0) << c.end;
+        unsetenv("VELTCOM_REGISTRY_WAIT_MS");
+    }
+}
+
+TEST_F(RegistryTransactions, OtherThreadsReadAnOpenTransactionsChangesAndTheirOwnChangesWaitForItsEnd) {
+    setenv("VELTCOM_REGISTRY_WAIT_MS", "200", 1);
+    RegistryPtr registry = Registry();
+    TransactionPtr transaction;
+    ASSERT_EQ(transaction.QueryFrom(registry), S_OK);
+    ASSERT_EQ(transaction->Begin(), S_OK);
+    ASSERT_EQ(registry->Open(5, L""), S_OK);
+    ASSERT_EQ(registry->SetValueString(L"inside", L"1"), S_OK);
+
+    std::thread([&] {
+        RegistryPtr other = Registry();
+        TransactionPtr otherTransaction;
+        ASSERT_EQ(otherTransaction.QueryFrom(other), S_OK);
+        ASSERT_EQ(other->Open(5, L""), S_OK);
+        wchar_t* value = nullptr;
+        EXPECT_EQ(other->GetValueString(L"inside", &value), S_OK);
+        EXPECT_EQ(Take(value), L"1");
+        EXPECT_EQ(other->SetValueString(L"other", L"2"), REGDB_E_WRITEREGDB);
+        EXPECT_EQ(otherTransaction->Begin(), REGDB_E_WRITEREGDB);
+        EXPECT_EQ(otherTransaction->Commit(), E_UNEXPECTED);
+    }).join();
+    EXPECT_EQ(ReadFile("Registry.XML"), m_empty);
+
+    // A change that waits gets through once the transaction commits.
+    setenv("VELTCOM_REGISTRY_WAIT_MS", "5000", 1);
+    HRESULT later = E_FAIL;
+    std::thread waiting([&] {
+        RegistryPtr other = Registry();
+        if (other->Open(5, L"") == S_OK) later = other->SetValueString(L"later", L"3");
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(transaction->Commit(), S_OK);
+    waiting.join();
+    EXPECT_EQ(later, S_OK);
+    const std::string saved = ReadFile("Registry.XML");
+    EXPECT_NE(saved.find("inside"), std::string::npos);
+    EXPECT_NE(saved.find("later"), std::string::npos);
+}
+
+}  // namespace

@@ -252,11 +252,14 @@ TEST_F(RegistryObject, CharactersAboveSixteenBitsAreKeptWhole) {
     OpenClsid();
     ASSERT_EQ(m_reg->SetValueString(L"smile \U0001F600", L"a\U0001F600b\U0010FFFF"), S_OK);
     EXPECT_EQ(File(), Saved(Item("smile_&#128512;", "string", "a&#128512;b&#1114111;")));
-    for (const wchar_t* text : {L"\xD800", L"\xD800\xDC00", L"\xDFFF", L"\x110000", L"\x7FFFFFFF"}) {
+    for (const wchar_t* text :
+         {L"\xD800", L"\xD800\xDC00", L"\xDFFF", L"\x110000", L"\x7FFFFFFF", L"\uFFFE", L"\uFFFF"}) {
         EXPECT_EQ(m_reg->SetValueString(L"v", text), E_INVALIDARG) << std::hex << unsigned(text[0]);
         EXPECT_EQ(m_reg->SetValueString(text, L"v"), E_INVALIDARG) << std::hex << unsigned(text[0]);
     }
-    EXPECT_EQ(m_reg->CreateKey(L"K\U0001F600", 1), E_INVALIDARG);
+    for (const wchar_t* path : {L"K\U0001F600", L"K\u4e2d", L"New\\Deeper\u0100"})
+        EXPECT_EQ(m_reg->CreateKey(path, 1), E_INVALIDARG);
+    EXPECT_EQ(File(), Saved(Item("smile_&#128512;", "string", "a&#128512;b&#1114111;"))) << "a refusal wrote";
     // Read from the file as a new process reads it: a change first reloads
     // a file edited by hand.
     WriteFile("Registry.XML", Saved(Item("&#x1F600;", "string", "&#x1F600;&#xE9;")));

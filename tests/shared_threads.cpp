@@ -40,7 +40,6 @@ using CounterPtr = utlAutoIf<ICounter, &IID_ICounter>;
 using MonikerPtr = utlAutoIf<COM_IMoniker, &COM_IID_IMoniker>;
 using MemoryPtr = utlAutoIf<COM_IMemory, &COM_IID_IMemory>;
 using FactoryPtr = utlAutoIf<COM_IClassFactory, &COM_IID_IClassFactory>;
-using CatRegisterPtr = utlAutoIf<COM_ICatRegister, &COM_IID_ICatRegister>;
 using CatInformationPtr = utlAutoIf<COM_ICatInformation, &COM_IID_ICatInformation>;
 using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
 
@@ -290,8 +289,8 @@ TEST_F(ThreadStress, BuiltInActivationAndRefCounts) {
 }
 
 // From a cold start: threads activating a class of a library nobody has
-// loaded yet, while others look up its ProgID, walk the registry, ask for
-// services and decode statuses. The library is opened once.
+// loaded yet, while others look up its ProgID and walk the registry. The
+// library is opened once.
 TEST_F(ThreadStress, FirstLoadRacesLoadOnce) {
     WriteLargeRegistry();
     g_counterOpens = 0;
@@ -329,24 +328,7 @@ TEST_F(ThreadStress, FirstLoadRacesLoadOnce) {
             EXPECT_EQ(registry->Close(), S_OK);
         }
     };
-    auto services = [](int) {
-        for (int round = 0; round < kRounds / 10; ++round) {
-            CatRegisterPtr manager;
-            ASSERT_EQ(COM_GetService(COM_CLSID_CategoryManager, 0, COM_IID_ICatRegister,
-                                     manager.OutVoid()),
-                      S_OK);
-        }
-    };
-    auto decoder = [](int) {
-        for (int round = 0; round < kRounds; ++round) {
-            wchar_t* text = nullptr;
-            EXPECT_EQ(COM_DecodeHRESULT(static_cast<int>(0x80004001), 0, &text), S_FALSE);
-            EXPECT_EQ(Take(text), L"Method not implemented [80004001]");
-        }
-    };
-    RunTogether(Join(Join(Join(Copies(4, activator), Copies(2, progIdLookup)),
-                          Join(Copies(2, walker), Copies(2, services))),
-                     Copies(1, decoder)));
+    RunTogether(Join(Join(Copies(4, activator), Copies(2, progIdLookup)), Copies(2, walker)));
 
     EXPECT_EQ(g_counterOpens.load(), 1) << "the library is opened once";
     // Every object came from the one loaded library: each starts its own
@@ -465,15 +447,6 @@ TEST_F(ThreadStress, ProgIdLookupsAndRegistryWalks) {
     int status = -1;
     ASSERT_EQ(waitpid(other, &status, 0), other);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-
-    RegistryPtr registry = Registry();
-    wchar_t* value = nullptr;
-    ASSERT_EQ(registry->Open(5, L"Stress"), S_OK);
-    ASSERT_EQ(registry->GetValueString(L"Round", &value), S_OK);
-    EXPECT_EQ(Take(value), std::to_wstring(kWrites));
-    ASSERT_EQ(registry->Open(5, L""), S_OK);
-    ASSERT_EQ(registry->GetValueString(L"Other", &value), S_OK);
-    EXPECT_EQ(Take(value), std::to_wstring(kWrites)) << "neither process lost the other's changes";
 }
 
 }  // namespace

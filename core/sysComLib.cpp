@@ -4,6 +4,7 @@
 #include <cwchar>
 
 #include "coreInternal.h"
+#include "typeInfoInternal.h"
 
 COM_CComModule g_theModule(s_com_object_mapZarvoCOM, "libveltcom.so");
 
@@ -224,6 +225,7 @@ HRESULT COM_CComModule::RegisterServer(int reg) {
         }
         if (!UpdateClassCategories(*entry, reg, categoriesAllowed, catRegister)) result = S_FALSE;
     }
+    if (!UpdateTypeLibraryRegistration(*this, reg, categoriesAllowed)) result = S_FALSE;
     hr = transaction->Commit();
     return FAILED(hr) ? hr : result;
 }

@@ -12,5 +12,7 @@
 #include "comException.h"
 #include "comMemory.h"
 #include "comMoniker.h"
+#include "comImplements.h"
+#include "comTypeInfo.h"
 
 #endif

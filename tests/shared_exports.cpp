@@ -64,7 +64,7 @@ const char* const kFlatFunctions[] = {
     "COM_SysFreeString", "COM_SysStringLen", "COM_SysStringByteLen", "COM_TaskMemAlloc",
     "COM_TaskMemFree", "COM_GetSysStats", "COM_ResetSysStats", "COM_CLSIDToString",
     "COM_StringToCLSID", "COM_GenerateCLSID",
-    "COM_MkParseName", "COM_DecodeHRESULT",
+    "COM_MkParseName", "COM_DecodeHRESULT", "COM_GetTypeInfo",
     "COM_GetService", "COM_CreateInstance", "COM_GetClassFactory", "COM_GetCLSIDFromProgID",
     "COM_GetProgIDFromClsid", "COM_GetDisplayNameFromClsid", "COM_GetDescriptionFromClsid",
     "GetClassObject", "CanUnloadNow", "DllRegisterServer", "DllUnregisterServer",

@@ -70,7 +70,9 @@ TEST_F(ToolConventions, EveryCommandGivesJsonThatParsesBackWithValuesEscaped) {
 TEST_F(ToolRegister, RegistersAndUnregistersALibrary) {
     CopyComponent(COMPONENT_testcounter);
     ToolRun run = RunOk({"register", "libtestcounter.so"});
-    EXPECT_TRUE(Contains(run.out, "registered libtestcounter.so: 0x00000000 OK status")) << run;
+    EXPECT_TRUE(Contains(run.out, "registry file: " + PathOf("Registry.XML") +
+                                      "\nregistered libtestcounter.so: 0x00000000 OK status")) << run;
+    EXPECT_TRUE(Contains(run.out, "\n  Test.Counter: libtestcounter.so\n")) << run;
     EXPECT_TRUE(Contains(RegistryFile(), Text(CLSID_Counter)));
 
     // A library outside the working directory is opened by its path; the
@@ -80,7 +82,8 @@ TEST_F(ToolRegister, RegistersAndUnregistersALibrary) {
 
     run = RunOk({"unregister", "./libtestcounter.so"});
     EXPECT_TRUE(Contains(run.out, "unregistered ./libtestcounter.so: 0x00000000")) << run;
-    RunOk({"unregister", "libtestcounter.so"});
+    EXPECT_TRUE(Contains(RunJson({"unregister", "libtestcounter.so"}),
+                         R"("classes":[{"progId":"Test.Counter","inprocServer32":"libtestcounter.so"}])"));
     EXPECT_FALSE(Contains(RegistryFile(), Text(CLSID_Counter)));
 }
 

@@ -77,6 +77,7 @@ public:
         CheckClasses();
         CheckProgIds();
         CheckSharedProgIds();
+        CheckInstallCounts();
         CheckMonikers();
         CheckCategories();
         return m_problems;
@@ -200,6 +201,34 @@ private:
                  claim.first,
                  "unregister the libraries of the classes that should not have it, then register "
                  "the right one again");
+        }
+    }
+
+    // A library's installation counts every one of its classes alike; counts
+    // that differ were left by an install interrupted half way, or by two
+    // that raced, before installations became one transaction.
+    void CheckInstallCounts() {
+        if (!m_classes) return;
+        // Library -> count -> the classes with that count.
+        std::map<std::string, std::map<std::string, std::vector<std::string>>> libraries;
+        for (const RegKey& key : m_classes->keys) {
+            const std::string* library = key.SubkeyDefault("InprocServer32");
+            const std::string* count = key.SubkeyDefault("InstallCount");
+            if (library && count && IsPositiveCount(*count)) libraries[*library][*count].push_back(key.name);
+        }
+        for (const auto& library : libraries) {
+            if (library.second.size() < 2) continue;
+            std::string counts;
+            for (const auto& count : library.second)
+                counts += (counts.empty() ? "" : ", ") + count.first + " in " +
+                          std::to_string(count.second.size()) +
+                          (count.second.size() > 1 ? " classes (" : " class (") +
+                          count.second.front() + (count.second.size() > 1 ? ", ...)" : ")");
+            Warn("installcount-disagrees",
+                 "the classes of library \"" + library.first + "\" disagree in InstallCount: " + counts,
+                 "CLSID\\" + library.second.begin()->second.front() + "\\InstallCount",
+                 "unregister the library until none of its classes is left (veltcom unregister " +
+                     ShellQuoted(library.first) + "), then register it once for each installation that uses it");
         }
     }
 

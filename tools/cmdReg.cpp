@@ -183,6 +183,13 @@ bool ParseDword(const std::string& text, unsigned int& value) {
     return true;
 }
 
+// What a failed change says: `what`, and the runtime's error information,
+// which names the lock file when a writer gave up waiting for it.
+std::string ChangeFailure(const std::string& what) {
+    const std::string info = CurrentErrorInfo();
+    return info.empty() ? what : what + "; error info: " + info;
+}
+
 }  // namespace
 
 int RunRegQuery(CToolContext& context) {
@@ -246,6 +253,7 @@ int RunRegSet(CToolContext& context) {
     fromMakerRoot.insert(fromMakerRoot.end(), target.pieces.begin(), target.pieces.end());
     COM_IRegistry* registry = Registry();
     const std::string where = "reg set " + target.Describe();
+    COM_ClearErrorInfo();
     HRESULT hr = registry->Open(4, L"");
     if (SUCCEEDED(hr) && !fromMakerRoot.empty())
         hr = registry->CreateKey(Wide(JoinKeyPath(fromMakerRoot)).c_str(), 1);
@@ -255,7 +263,7 @@ int RunRegSet(CToolContext& context) {
     }
     registry->Close();
     if (FAILED(hr)) {
-        ReportError(where, hr, "value " + ValueLabel(name) + " not set");
+        ReportError(where, hr, ChangeFailure("value " + ValueLabel(name) + " not set"));
         return kExitFailed;
     }
     const std::string stored = dword ? std::to_string(number) : data;
@@ -288,6 +296,7 @@ int RunRegDelete(CToolContext& context) {
     const std::string where = "reg delete " + target.Describe();
     if (FAILED(OpenKey(where, target))) return kExitFailed;
     COM_IRegistry* registry = Registry();
+    COM_ClearErrorInfo();
     HRESULT hr;
     if (deleteValue) {
         // The runtime removes a missing default value without complaint and
@@ -308,8 +317,8 @@ int RunRegDelete(CToolContext& context) {
     }
     registry->Close();
     if (FAILED(hr)) {
-        ReportError(where, hr, deleteValue ? "value " + ValueLabel(name) + " not deleted"
-                                           : "key not deleted");
+        ReportError(where, hr, ChangeFailure(deleteValue ? "value " + ValueLabel(name) + " not deleted"
+                                                         : "key not deleted"));
         return kExitFailed;
     }
     if (context.json) {

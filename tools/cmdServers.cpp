@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <iostream>
+#include <map>
 
 #include "libraryTrust.h"
 #include "toolInternal.h"
@@ -20,13 +21,65 @@ const ServerVerb kRegister = {"register", "DllRegisterServer", "registered", "re
 const ServerVerb kUnregister = {"unregister", "DllUnregisterServer", "unregistered",
                                 "unregister"};
 
+using EnumPtr = utlAutoIf<COM_IEnumBSTR, &COM_IID_IEnumBSTR>;
+using TransactionPtr = utlAutoIf<COM_IRegistryTransaction, &COM_IID_IRegistryTransaction>;
+
+// What an installation writes for a class, as the registry holds it.
+struct ClassItems {
+    std::string progId, server, installCount;
+    bool operator==(const ClassItems& o) const {
+        return progId == o.progId && server == o.server && installCount == o.installCount;
+    }
+};
+// By class key.
+using ClassTable = std::map<std::wstring, ClassItems>;
+
 struct ServerResult {
     std::string library;
     HRESULT hr = S_OK;
     std::string text;
     std::string errorInfo;
     std::string detail;
+    // The classes whose items the library wrote or removed, as written or as
+    // they were before the removal.
+    std::vector<ClassItems> classes;
 };
+
+std::string SubkeyDefault(COM_IRegistry* registry, const std::wstring& classPath, const wchar_t* item) {
+    wchar_t* value = nullptr;
+    if (FAILED(registry->Open(1, (classPath + L"\\" + item).c_str())) ||
+        FAILED(registry->GetValueString(L"", &value)))
+        return "";
+    return TakeBstr(value);
+}
+
+// Read through the runtime, so that an open transaction's changes are seen.
+ClassTable ReadClasses(COM_IRegistry* registry) {
+    ClassTable classes;
+    EnumPtr names;
+    if (FAILED(registry->Open(1, L"CLSID")) || FAILED(registry->EnumKeys(names.Out()))) return classes;
+    wchar_t* name = nullptr;
+    unsigned long fetched = 0;
+    while (names->Next(1, &name, &fetched) == S_OK && fetched == 1) {
+        const std::wstring path = L"CLSID\\" + std::wstring(name);
+        COM_SysFreeString(name);
+        classes[path] = {SubkeyDefault(registry, path, L"ProgID"),
+                         SubkeyDefault(registry, path, L"InprocServer32"),
+                         SubkeyDefault(registry, path, L"InstallCount")};
+    }
+    registry->Close();
+    return classes;
+}
+
+// The classes of `from` that `to` lacks or holds otherwise.
+std::vector<ClassItems> Differing(const ClassTable& from, const ClassTable& to) {
+    std::vector<ClassItems> differing;
+    for (const auto& entry : from) {
+        const auto other = to.find(entry.first);
+        if (other == to.end() || !(other->second == entry.second)) differing.push_back(entry.second);
+    }
+    return differing;
+}
 
 // The library is opened by the path given. A bare name means the file in
 // the working directory when there is one there, as the runtime loads
@@ -42,6 +95,38 @@ std::string LoadPath(const std::string& library) {
 // when any class or category failed.
 bool Succeeded(HRESULT hr) { return SUCCEEDED(hr) && hr != S_FALSE; }
 
+// Runs the library's entry point within a transaction of the tool's own, which
+// the runtime's registration joins, and commits what it wrote.
+void CallInTransaction(const ServerVerb& verb, void* entry, ServerResult& result) {
+    TransactionPtr transaction;
+    result.hr = transaction.QueryFrom(Registry());
+    if (SUCCEEDED(result.hr)) result.hr = transaction->Begin();
+    if (FAILED(result.hr)) {
+        result.errorInfo = CurrentErrorInfo();
+        return;
+    }
+    const ClassTable before = ReadClasses(Registry());
+    COM_ClearErrorInfo();
+    try {
+        result.hr = reinterpret_cast<HRESULT (*)()>(entry)();
+    } catch (...) {
+        result.hr = E_UNEXPECTED;
+        result.detail = std::string(verb.entry) + " let an exception escape";
+    }
+    result.errorInfo = CurrentErrorInfo();
+    if (result.hr == S_FALSE)
+        result.detail = std::string(verb.entry) + " reports that some class failed to " +
+                        verb.activity;
+    const ClassTable after = ReadClasses(Registry());
+    result.classes = &verb == &kRegister ? Differing(after, before) : Differing(before, after);
+    const HRESULT committed = transaction->Commit();
+    if (FAILED(committed)) {
+        result.hr = committed;
+        result.detail = "nothing it wrote could be saved";
+        result.classes.clear();
+    }
+}
+
 ServerResult CallEntry(const ServerVerb& verb, const std::string& library) {
     ServerResult result;
     result.library = library;
@@ -55,17 +140,7 @@ ServerResult CallEntry(const ServerVerb& verb, const std::string& library) {
         result.hr = CO_E_DLLNOTFOUND;
         result.detail = reason ? reason : "cannot load " + path;
     } else if (void* entry = OwnSymbol(handle, verb.entry)) {
-        COM_ClearErrorInfo();
-        try {
-            result.hr = reinterpret_cast<HRESULT (*)()>(entry)();
-        } catch (...) {
-            result.hr = E_UNEXPECTED;
-            result.detail = std::string(verb.entry) + " let an exception escape";
-        }
-        result.errorInfo = CurrentErrorInfo();
-        if (result.hr == S_FALSE)
-            result.detail = std::string(verb.entry) + " reports that some class failed to " +
-                            verb.activity;
+        CallInTransaction(verb, entry, result);
     } else {
         result.hr = CO_E_ERRORINDLL;
         result.detail = path + " defines no " + verb.entry + " of its own";
@@ -76,7 +151,8 @@ ServerResult CallEntry(const ServerVerb& verb, const std::string& library) {
 
 void PrintJson(const std::vector<ServerResult>& results, const ServerVerb& verb) {
     CJsonWriter json(std::cout);
-    json.BeginObject().Key("command").String(verb.command).Key("results").BeginArray();
+    json.BeginObject().Key("command").String(verb.command);
+    json.Key("registry").String(RegistryFilePath()).Key("results").BeginArray();
     for (const ServerResult& r : results) {
         json.BeginObject()
             .Key("library").String(r.library)
@@ -86,7 +162,10 @@ void PrintJson(const std::vector<ServerResult>& results, const ServerVerb& verb)
             .Key("text").String(r.text)
             .Key("detail").OptionalString(!r.detail.empty(), r.detail)
             .Key("errorInfo").OptionalString(!r.errorInfo.empty(), r.errorInfo)
-            .EndObject();
+            .Key("classes").BeginArray();
+        for (const ClassItems& c : r.classes)
+            json.BeginObject().Key("progId").String(c.progId).Key("inprocServer32").String(c.server).EndObject();
+        json.EndArray().EndObject();
     }
     json.EndArray().EndObject();
 }
@@ -98,18 +177,20 @@ int RunServers(CToolContext& context, const ServerVerb& verb) {
 
     std::vector<ServerResult> results;
     int exitCode = kExitOk;
+    if (!context.json) std::cout << "registry file: " << RegistryFilePath() << "\n";
     for (const std::string& library : context.args) {
         results.push_back(CallEntry(verb, library));
         const ServerResult& r = results.back();
-        if (Succeeded(r.hr)) {
-            if (!context.json) {
-                std::cout << verb.done << " " << r.library << ": " << HexCode(r.hr) << " "
-                          << r.text;
+        // What a library that failed in part still wrote is kept, and shown.
+        if (!context.json && (Succeeded(r.hr) || r.hr == S_FALSE)) {
+            if (Succeeded(r.hr)) {
+                std::cout << verb.done << " " << r.library << ": " << HexCode(r.hr) << " " << r.text;
                 if (!r.errorInfo.empty()) std::cout << "; error info: " << r.errorInfo;
                 std::cout << "\n";
             }
-            continue;
+            for (const ClassItems& c : r.classes) std::cout << "  " << c.progId << ": " << c.server << "\n";
         }
+        if (Succeeded(r.hr)) continue;
         exitCode = kExitFailed;
         std::string detail = r.detail;
         if (!r.errorInfo.empty())

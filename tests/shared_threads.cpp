@@ -176,7 +176,7 @@ TEST_F(ThreadStress, ServicesOneObjectPerKey) {
     RegistryPtr registry = Registry();
     const unsigned kNumbers = 16;
     const int kThreads = 6;
-    const int kRepeats = 20;
+    const int kRepeats = 200;
     std::vector<std::vector<COM_IUnknown*>> seen(kThreads, std::vector<COM_IUnknown*>(3 * kNumbers));
     RunTogether(Copies(kThreads, [&seen](int thread) {
         for (unsigned number = 0; number < kRepeats * kNumbers; ++number) {

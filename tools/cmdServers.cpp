@@ -1,7 +1,9 @@
 // register and unregister: a library's own self-registration entry points.
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/stat.h>
 
+#include <cstring>
 #include <iostream>
 #include <map>
 
@@ -81,14 +83,42 @@ std::vector<ClassItems> Differing(const ClassTable& from, const ClassTable& to) 
     return differing;
 }
 
+// The path of a library this process has loaded whose file is `name` or a
+// version of it (`name`.1, `name`.1.0.0); empty when there is none. The
+// runtime is loaded by its SONAME, libveltcom.so.1, and registers its own
+// classes as libveltcom.so.
+std::string LoadedLibraryPath(const std::string& name) {
+    struct Search {
+        const std::string& name;
+        std::string found;
+    } search{name, ""};
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t, void* data) {
+            Search& s = *static_cast<Search*>(data);
+            const char* slash = std::strrchr(info->dlpi_name, '/');
+            const std::string base = slash ? slash + 1 : info->dlpi_name;
+            if (base.compare(0, s.name.size(), s.name) != 0) return 0;
+            const std::string version = base.substr(s.name.size());
+            if (!version.empty() &&
+                (version[0] != '.' || version.find_first_not_of(".0123456789") != std::string::npos))
+                return 0;
+            s.found = info->dlpi_name;
+            return 1;
+        },
+        &search);
+    return search.found;
+}
+
 // The library is opened by the path given. A bare name means the file in
 // the working directory when there is one there, as the runtime loads
-// components; otherwise the loader's own search, which also finds the
-// runtime itself by its name.
+// components; else a library this process has loaded already, the runtime
+// itself among them; else the loader's own search.
 std::string LoadPath(const std::string& library) {
     if (library.find('/') != std::string::npos) return library;
     struct stat info;
-    return stat(("./" + library).c_str(), &info) == 0 ? "./" + library : library;
+    if (stat(("./" + library).c_str(), &info) == 0) return "./" + library;
+    const std::string loaded = LoadedLibraryPath(library);
+    return loaded.empty() ? library : loaded;
 }
 
 // Only S_OK is a clean result: the runtime's RegisterServer answers S_FALSE

@@ -9,6 +9,7 @@
 #include <xercesc/parsers/XercesDOMParser.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -128,10 +129,8 @@ bool WriteSyncRename(const std::string& bytes, const std::string& temporary, con
     return written && rename(temporary.c_str(), target.c_str()) == 0;
 }
 
-// The anchor of a change: the registry file's current bytes, written the
-// careful way.
-void WriteFileBytes(benchmark::State& state) {
-    const std::string bytes = bench::ReadFile(g_directory + "/Registry.XML");
+// The anchors: bytes as large as a registry file, written the careful way.
+void WriteCarefully(benchmark::State& state, const std::string& bytes) {
     const std::string temporary = g_directory + "/anchor.tmp";
     const std::string target = g_directory + "/anchor.XML";
     for (auto _ : state) {
@@ -141,6 +140,55 @@ void WriteFileBytes(benchmark::State& state) {
         }
     }
 }
+
+using Entry = HRESULT (*)();
+
+// The entry point of the 200-class component, loaded once; null when missing.
+Entry ComponentEntry(const char* name) {
+    static void* library = dlopen(BENCH_MANY_PATH, RTLD_NOW);
+    return library ? reinterpret_cast<Entry>(dlsym(library, name)) : nullptr;
+}
+
+// A component's installation, 200 classes with ProgID, display name and
+// description, into the registry this process has loaded; removed again
+// untimed, so that every sample starts from the same file.
+void RegisterComponent(benchmark::State& state) {
+    const Entry registerServer = ComponentEntry("DllRegisterServer");
+    const Entry unregisterServer = ComponentEntry("DllUnregisterServer");
+    if (!registerServer || !unregisterServer) {
+        state.SkipWithError("the 200-class component cannot be loaded");
+        return;
+    }
+    for (auto _ : state) {
+        if (registerServer() != S_OK) {
+            state.SkipWithError("DllRegisterServer failed");
+            break;
+        }
+        state.PauseTiming();
+        const HRESULT removed = unregisterServer();
+        state.ResumeTiming();
+        if (removed != S_OK) {
+            state.SkipWithError("DllUnregisterServer failed");
+            break;
+        }
+    }
+}
+
+// The anchor of an installation: the file it leaves, written the careful way.
+void WriteInstalledBytes(benchmark::State& state) {
+    const Entry registerServer = ComponentEntry("DllRegisterServer");
+    const Entry unregisterServer = ComponentEntry("DllUnregisterServer");
+    if (!registerServer || registerServer() != S_OK) {
+        state.SkipWithError("DllRegisterServer failed");
+        return;
+    }
+    const std::string bytes = bench::ReadFile(g_directory + "/Registry.XML");
+    unregisterServer();
+    WriteCarefully(state, bytes);
+}
+
+// The anchor of a change: the registry file's current bytes.
+void WriteFileBytes(benchmark::State& state) { WriteCarefully(state, bench::ReadFile(g_directory + "/Registry.XML")); }
 
 // Loads from a fresh process take long at large sizes; a few samples do.
 int LoadSamples() { return g_options.classes >= 10000 ? 5 : g_options.classes >= 1000 ? 10 : 20; }
@@ -159,6 +207,8 @@ void RegisterBenchmarks() {
     benchmark::RegisterBenchmark(Name("bare_parse").c_str(), BareParse);
     benchmark::RegisterBenchmark(Name("change").c_str(), ChangeValue);
     benchmark::RegisterBenchmark(Name("write_fsync_rename").c_str(), WriteFileBytes);
+    benchmark::RegisterBenchmark(Name("register_200").c_str(), RegisterComponent);
+    benchmark::RegisterBenchmark(Name("write_fsync_rename_installed").c_str(), WriteInstalledBytes);
 }
 
 // Takes this program's own options out of argv, leaving the rest to the

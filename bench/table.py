@@ -18,7 +18,8 @@ MS = 1e-3
 
 # Figures that wait on a disk or on another process are read in wall-clock
 # time; everything else in CPU time, which a busy machine disturbs less.
-WALL_CLOCK = ("load/", "xerces_init/", "change/", "write_fsync_rename/")
+WALL_CLOCK = ("load/", "xerces_init/", "change/", "write_fsync_rename/", "register_200/",
+              "write_fsync_rename_installed/")
 
 
 def base_name(run_name):
@@ -119,6 +120,10 @@ def rows():
     table.append(Row("load/10000", "bare_parse/10000", time_goal=50 * MS))
     table.append(Row("change/1000", "write_fsync_rename/1000"))
     table.append(Row("change/10000", "write_fsync_rename/10000", ratio_goal=1.5))
+    # An installation of 200 classes: into a registry of ten classes (all
+    # but empty), and into a large one beside one careful write of its result.
+    table.append(Row("register_200/10", "write_fsync_rename_installed/10", time_goal=50 * MS))
+    table.append(Row("register_200/10000", "write_fsync_rename_installed/10000", ratio_goal=3))
     return table
 
 

@@ -40,6 +40,7 @@ using CounterPtr = utlAutoIf<ICounter, &IID_ICounter>;
 using MonikerPtr = utlAutoIf<COM_IMoniker, &COM_IID_IMoniker>;
 using MemoryPtr = utlAutoIf<COM_IMemory, &COM_IID_IMemory>;
 using FactoryPtr = utlAutoIf<COM_IClassFactory, &COM_IID_IClassFactory>;
+using CatRegisterPtr = utlAutoIf<COM_ICatRegister, &COM_IID_ICatRegister>;
 using CatInformationPtr = utlAutoIf<COM_ICatInformation, &COM_IID_ICatInformation>;
 using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
 
@@ -289,8 +290,8 @@ TEST_F(ThreadStress, BuiltInActivationAndRefCounts) {
 }
 
 // From a cold start: threads activating a class of a library nobody has
-// loaded yet, while others look up its ProgID and walk the registry. The
-// library is opened once.
+// loaded yet, while others look up its ProgID, walk the registry and ask
+// for a service. The library is opened once.
 TEST_F(ThreadStress, FirstLoadRacesLoadOnce) {
     WriteLargeRegistry();
     g_counterOpens = 0;
@@ -328,7 +329,17 @@ TEST_F(ThreadStress, FirstLoadRacesLoadOnce) {
             EXPECT_EQ(registry->Close(), S_OK);
         }
     };
-    RunTogether(Join(Join(Copies(4, activator), Copies(2, progIdLookup)), Copies(2, walker)));
+    // The first request for a service races the first load of the registry.
+    auto services = [](int) {
+        for (int round = 0; round < kRounds / 10; ++round) {
+            CatRegisterPtr manager;
+            ASSERT_EQ(COM_GetService(COM_CLSID_CategoryManager, 0, COM_IID_ICatRegister,
+                                     manager.OutVoid()),
+                      S_OK);
+        }
+    };
+    RunTogether(Join(Join(Copies(4, activator), Copies(2, progIdLookup)),
+                     Join(Copies(2, walker), Copies(2, services))));
 
     EXPECT_EQ(g_counterOpens.load(), 1) << "the library is opened once";
     // Every object came from the one loaded library: each starts its own

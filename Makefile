@@ -78,7 +78,7 @@ fuzz:
 # examples/ against that prefix alone, then runs the narrated scenario in a
 # scratch directory.
 demo: configure
-	cmake --build $(BUILD) -j $(JOBS) --target veltcom veltcom_tool
+	cmake --build $(BUILD) -j $(JOBS) --target veltcom veltcom_tool veltcom_idl
 	rm -rf $(DEMO_PREFIX)
 	cmake --install $(BUILD) --prefix $(DEMO_PREFIX) > $(BUILD)/demo-install.log
 	cmake -S examples -B $(DEMO_EXAMPLES) -DCMAKE_BUILD_TYPE=RelWithDebInfo \

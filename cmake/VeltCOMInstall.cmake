@@ -1,7 +1,8 @@
 # What `cmake --install` puts into a prefix for component authors and
 # applications: the public headers, libveltcom.so, the CMake package VeltCOM
-# (imported target VeltCOM::veltcom and veltcom_add_component) and veltcom.pc
-# for pkg-config. The veltcom tool installs itself beside them (tools/).
+# (imported target VeltCOM::veltcom, veltcom_add_component and
+# veltcom_add_idl) and veltcom.pc for pkg-config. The veltcom tool and
+# veltcom-idl install themselves beside them (tools/).
 # Every file refers to the prefix relatively, so an installed tree may be
 # moved as a whole.
 include(CMakePackageConfigHelpers)
@@ -34,6 +35,7 @@ install(FILES
   ${PROJECT_BINARY_DIR}/VeltCOMConfig.cmake
   ${PROJECT_BINARY_DIR}/VeltCOMConfigVersion.cmake
   ${CMAKE_CURRENT_LIST_DIR}/VeltCOMComponent.cmake
+  ${CMAKE_CURRENT_LIST_DIR}/VeltCOMIdl.cmake
   ${CMAKE_CURRENT_LIST_DIR}/veltcom-component.map
   DESTINATION ${VELTCOM_CMAKE_DIR})
 

@@ -15,6 +15,8 @@ namespace {
 
 using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 using EnumBstrPtr = utlAutoIf<COM_IEnumBSTR, &COM_IID_IEnumBSTR>;
+using EnumClsidPtr = utlAutoIf<COM_IEnumCLSID, &COM_IID_IEnumCLSID>;
+using CatRegisterPtr = utlAutoIf<COM_ICatRegister, &COM_IID_ICatRegister>;
 typedef HRESULT (*PFNGETTYPELIBRARY)(const COM_TYPELIBRARY** out);
 
 const wchar_t kInterfaceKey[] = L"Interface";
@@ -124,6 +126,22 @@ void UpdateInterface(COM_IRegistry* registry, const COM_TYPEINTERFACE& entry, in
     }
 }
 
+// Adds a category with its description, or removes it once no class is left
+// in it: classes of other components may still be members.
+HRESULT UpdateCategory(COM_ICatRegister* categories, const COM_TYPECATEGORY& entry, int reg) {
+    if (reg)
+        return entry.description
+                   ? categories->RegisterCategory(*entry.catid, entry.description)
+                   : S_OK;
+    EnumClsidPtr members;
+    if (FAILED(categories->EnumClassesOfCategory(*entry.catid, members.Out()))) return S_OK;
+    unsigned long count = 0;
+    HRESULT hr = members->get_Count(&count);
+    if (FAILED(hr) || count > 0) return hr;
+    members.Reset();
+    return categories->UnRegisterCategory(*entry.catid);
+}
+
 // The library recorded for `iid`, as registered.
 HRESULT RecordedLibrary(const COM_GUID& iid, std::wstring& library) {
     RegistryPtr registry;
@@ -171,7 +189,13 @@ bool UpdateTypeLibraryRegistration(COM_CComModule& module, int reg, bool removeA
         hr = module.GetModuleName(library.Out());
         for (unsigned int i = 0; i < types->interfaceCount; ++i)
             UpdateInterface(registry, types->interfaces[i], reg, library.Get());
-        return true;
+        if (types->categoryCount == 0) return true;
+        CatRegisterPtr categories;
+        hr = categories.CreateInstance(COM_CLSID_CategoryManager);
+        bool succeeded = true;
+        for (unsigned int i = 0; i < types->categoryCount; ++i)
+            if (FAILED(UpdateCategory(categories, types->categories[i], reg))) succeeded = false;
+        return succeeded;
     } catch (int) {
         return false;
     }

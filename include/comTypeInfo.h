@@ -7,6 +7,7 @@
 // which COM_DEFINE_TYPELIBRARY writes. Registering the component records each
 // interface of its tables under Interface\<IID text> of the classes root,
 // with its name and its library; COM_GetTypeInfo finds the library there.
+// The categories of the tables are registered with their descriptions.
 #ifndef VELTCOM_COMTYPEINFO_H
 #define VELTCOM_COMTYPEINFO_H
 
@@ -43,14 +44,23 @@ struct COM_TYPEINTERFACE {
 // The layout of these tables; a library with another is not read.
 #define COM_TYPELIBRARY_VERSION 1u
 
+// A category the definition declares. Registration adds its description;
+// unregistration removes the category once no class is left in it.
+struct COM_TYPECATEGORY {
+    const COM_GUID* catid;
+    const wchar_t* description;
+};
+
 struct COM_TYPELIBRARY {
     unsigned int version;
     const COM_TYPEINTERFACE* interfaces;
     unsigned int interfaceCount;
+    const COM_TYPECATEGORY* categories;
+    unsigned int categoryCount;
 };
 
 #define COM_DEFINE_TYPELIBRARY(library)                                        \
-    extern "C" HRESULT GetTypeLibrary(const COM_TYPELIBRARY** out) {           \
+    extern "C" VELTCOM_API HRESULT GetTypeLibrary(const COM_TYPELIBRARY** out) {\
         if (!out) return E_POINTER;                                            \
         *out = &(library);                                                     \
         return S_OK;                                                           \

@@ -34,16 +34,17 @@ quietly() {
 exports() {
     nm -D --defined-only "$1" | awk '{print $3}' | sort | tr '\n' ' '
 }
-readonly ENTRY_POINTS="CanUnloadNow DllRegisterServer DllUnregisterServer GetClassObject "
+readonly ENTRY_POINTS="CanUnloadNow DllRegisterServer DllUnregisterServer GetClassObject GetTypeLibrary "
 
 # --- install, then move the prefix -------------------------------------------
 quietly cmake --install "$build" --prefix "$work/installed"
 mv "$work/installed" "$work/sdk"
 prefix=$work/sdk
 
-for file in lib/libveltcom.so bin/veltcom lib/pkgconfig/veltcom.pc \
+for file in lib/libveltcom.so bin/veltcom bin/veltcom-idl include/veltcom.idl lib/pkgconfig/veltcom.pc \
             lib/cmake/VeltCOM/VeltCOMConfig.cmake lib/cmake/VeltCOM/VeltCOMConfigVersion.cmake \
-            lib/cmake/VeltCOM/VeltCOMComponent.cmake lib/cmake/VeltCOM/veltcom-component.map; do
+            lib/cmake/VeltCOM/VeltCOMComponent.cmake lib/cmake/VeltCOM/VeltCOMIdl.cmake \
+            lib/cmake/VeltCOM/veltcom-component.map; do
     [ -f "$prefix/$file" ] || fail "not installed: $file"
 done
 for header in "$source"/include/*.h; do
@@ -87,10 +88,13 @@ fi
 # --- the same component, with pkg-config -------------------------------------
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 mkdir -p "$work/pkg-config"
+# pkg-config users run the definition compiler themselves.
+"$prefix/bin/veltcom-idl" -o "$work/pkg-config" "$source/examples/greeter/greeter.idl" ||
+    fail "compiling greeter.idl with the installed veltcom-idl"
 # shellcheck disable=SC2046,SC2086
 "$cxx" -std=c++17 $flags -shared -fPIC -fvisibility=hidden -fvisibility-inlines-hidden \
     -DVELTCOM_COMPONENT_FILE='"libgreeter.so"' $(pkg-config --cflags veltcom) \
-    -I"$source/examples/greeter" "$source/examples/greeter/greeterComponent.cpp" \
+    -I"$work/pkg-config" "$source/examples/greeter/greeterComponent.cpp" \
     -o "$work/pkg-config/libgreeter.so" $(pkg-config --libs veltcom) \
     -Wl,--no-undefined -Wl,--version-script="$(pkg-config --variable=component_map veltcom)" ||
     fail "building the component with pkg-config"
@@ -124,7 +128,7 @@ if "$work/examples/greet" >"$work/greet.out" 2>&1; then
     fail "greet succeeded after the sample was unregistered"
 fi
 grep -q "80040111" "$work/greet.out" || { cat "$work/greet.out" >&2; fail "greet after unregistration"; }
-for id in 11E54F7E 1786257F 27D97DA4 Sample.Greeter '"71"'; do
+for id in 11E54F7E 1786257F 27D97DA4 003CA0BC Sample.Greeter '"71"'; do
     if grep -q -- "$id" Registry.XML; then
         fail "$id is still in the registry after unregistration"
     fi

@@ -1,7 +1,8 @@
 // A sample application: finds the greeter by its ProgID, creates it, greets,
 // and has the runtime decode the greeter's status codes through the
-// component's decoder. It knows the component only through greeter.h; the
-// library is found through the registry, in the working directory.
+// component's decoder. It knows the component only through greeter.h, which
+// veltcom-idl makes of greeter.idl; the library is found through the registry,
+// in the working directory.
 //
 //     greet [NAME [LANGUAGE]]
 //

@@ -110,7 +110,7 @@ unsigned Flags(const Param& p) {
 void WriteTypeLibrary(std::ostream& out, const Definitions& defs, const std::string& stem) {
     std::vector<const Interface*> described;
     for (const Interface& x : defs.interfaces) if (!x.declaredOnly) described.push_back(&x);
-    if (described.empty()) return;
+    if (described.empty() && defs.categories.empty()) return;
     out << "// Type information: COM_DEFINE_TYPELIBRARY(TYPELIB_" << stem
         << ") in one source of the component exports it.\n";
     for (const Interface* x : described) {
@@ -133,7 +133,11 @@ void WriteTypeLibrary(std::ostream& out, const Definitions& defs, const std::str
             out << "};\n";
         }
     }
-    out << "inline constexpr COM_TYPEINTERFACE TYPEINTERFACES_" << stem << "[] = {\n";
+    std::string interfaces = "nullptr", categories = "nullptr";
+    if (!described.empty()) {
+        interfaces = "TYPEINTERFACES_" + stem;
+        out << "inline constexpr COM_TYPEINTERFACE " << interfaces << "[] = {\n";
+    }
     for (const Interface* x : described) {
         // The runtime's own identifiers are named COM_IID_I...
         const std::string baseIid = x->base.compare(0, 4, "COM_") == 0
@@ -144,9 +148,17 @@ void WriteTypeLibrary(std::ostream& out, const Definitions& defs, const std::str
         if (x->methods.empty()) out << "nullptr, 0},\n";
         else out << "TYPEMETHODS_" << x->name << ", " << x->methods.size() << "},\n";
     }
-    out << "};\n"
-        << "inline constexpr COM_TYPELIBRARY TYPELIB_" << stem << " = {COM_TYPELIBRARY_VERSION, TYPEINTERFACES_"
-        << stem << ", " << described.size() << "};\n\n";
+    if (!described.empty()) out << "};\n";
+    if (!defs.categories.empty()) {
+        categories = "TYPECATEGORIES_" + stem;
+        out << "inline constexpr COM_TYPECATEGORY " << categories << "[] = {\n";
+        for (const Category& c : defs.categories)
+            out << "    {&CATID_" << c.name << ", CATDESC_" << c.name << "},\n";
+        out << "};\n";
+    }
+    out << "inline constexpr COM_TYPELIBRARY TYPELIB_" << stem << " = {COM_TYPELIBRARY_VERSION, "
+        << interfaces << ", " << described.size() << ", " << categories << ", "
+        << defs.categories.size() << "};\n\n";
 }
 
 std::string Identifier(const std::string& stem) {

@@ -1,5 +1,8 @@
 // veltcom check: each kind of damage a half-finished registration leaves,
 // found in hand-made registries, and nothing reported for sound ones.
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <map>
 
 #include "shared_tool_support.h"
@@ -230,15 +233,33 @@ TEST_F(ToolCheck, RestoreFollowsALinkAndNamesTheLostSave) {
     }
 }
 
-TEST_F(ToolCheck, RestoreWithoutAReadableBackupChangesNothing) {
-    for (const char* backup : {"", "<Software>"}) {
-        SCOPED_TRACE(*backup ? "damaged backup" : "no backup");
+// No readable backup, or a lock another process holds beyond the writers'
+// bound: the damaged file stays as it is.
+TEST_F(ToolCheck, RestoreThatCannotBeMadeChangesNothing) {
+    const struct {
+        const char* backup;
+        bool locked;
+        const char* message;
+    } cases[] = {
+        {nullptr, false, "/Registry.XML: there is no readable backup"},
+        {"<Software>", false, "/Registry.XML: there is no readable backup"},
+        {"", true, "/Registry.XML: another process holds the writers' lock "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
         WriteFile("Registry.XML", kDamaged);
         unlink(PathOf("Registry.XML.bak").c_str());
-        if (*backup) WriteFile("Registry.XML.bak", backup);
+        if (c.backup) WriteFile("Registry.XML.bak", *c.backup ? c.backup : HandMadeRegistry("<CLSID/>"));
+        const int lock = c.locked ? open(PathOf("Registry.XML.lock").c_str(), O_RDWR | O_CREAT, 0644) : -1;
+        if (c.locked) {
+            ASSERT_EQ(flock(lock, LOCK_EX), 0);
+        }
+        setenv("VELTCOM_REGISTRY_WAIT_MS", "100", 1);
         const std::string json = RunJson({"check", "--restore"}, 1);
+        unsetenv("VELTCOM_REGISTRY_WAIT_MS");
+        if (lock >= 0) close(lock);
         EXPECT_TRUE(Contains(json, "\"restored\":false,\"message\":\"cannot restore " + m_dir +
-                                       "/Registry.XML: there is no readable backup"))
+                                       c.message))
             << json;
         EXPECT_EQ(RegistryFile(), kDamaged);
         EXPECT_TRUE(ReadFile("Registry.XML.damaged").empty());

@@ -348,6 +348,9 @@ RestoreOutcome Restore(const std::string& path) {
         return {false, "cannot restore " + path + ": the symbolic link cannot be followed"};
     const std::string backup = target + ".bak", damaged = target + ".damaged";
     CRegistryFile::CWriterLock lock(file);
+    if (lock.TimedOut())
+        return {false, "cannot restore " + path + ": another process holds the writers' lock " +
+                           target + ".lock"};
     std::string content;
     struct stat info;
     const bool present = stat(target.c_str(), &info) == 0;

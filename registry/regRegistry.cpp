@@ -239,9 +239,10 @@ DOMNode* CXMLRegistry::CurrentKey() {
 template <class Apply>
 HRESULT CXMLRegistry::Change(Apply apply) {
     if (OwnsTransaction()) {
-        const HRESULT hr = ApplyToCurrentKey(apply);
-        if (SUCCEEDED(hr)) m_transaction.changed = true;
-        return hr;
+        // Even a change that failed may have left part of itself behind,
+        // which the end of an abandoned transaction must take away.
+        m_transaction.changed = true;
+        return ApplyToCurrentKey(apply);
     }
     if (!AwaitTransactionEnd()) return REGDB_E_WRITEREGDB;
     CRegistryFile::CWriterLock lock(*m_spFile);
@@ -410,8 +411,8 @@ DOMNode* CXMLRegistry::HiveRoot(unsigned int hive) {
 HRESULT CXMLRegistry::OpenHiveLocked(unsigned int hive) {
     // A long-running process sees what others registered since it
     // started. Should the file have become unreadable, the document read
-    // last serves on.
-    // An open transaction holds the lock, and its document is the newest.
+    // last serves on. Not while a transaction is open: no other process can
+    // save then, and its document holds changes the file does not.
     if (m_transaction.depth == 0 && m_spFile->Outdated()) Reload();
     DOMNode* root = HiveRoot(hive);
     if (!root) return REGDB_E_KEYMISSING;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The scenario `make demo` narrates: the sample component registered,
-# listed, activated, asked to decode its own status codes and shown in its
+# listed, activated, described, asked to decode its own status codes and shown in its
 # category; the registry checked and shown; then everything taken away again.
 #
 #     examples/demo.sh PREFIX EXAMPLES_BUILD SCRATCH_DIR
@@ -78,6 +78,10 @@ show veltcom classes
 step "Create the greeter by ProgID" \
      "the runtime finds Sample.Greeter's InprocServer32, loads ./libgreeter.so and asks its factory"
 show veltcom create Sample.Greeter
+
+step "Describe the greeter" \
+     "registration recorded ISampleGreeter's type information, compiled into libgreeter.so from greeter.idl"
+show veltcom describe Sample.Greeter
 
 step "Call it from the sample application" \
      "greet creates Sample.Greeter, greets twice in French, then makes it fail twice; the runtime decodes each status through the greeter's decoder"

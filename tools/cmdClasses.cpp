@@ -114,18 +114,6 @@ const KnownInterface kRuntimeInterfaces[] = {
 
 using UnknownPtr = utlAutoIf<COM_IUnknown, &COM_IID_IUnknown>;
 
-// Creates the object for `iid`; a bad-pointer exception (a library that
-// reported success without a factory) becomes E_POINTER with `detail` set.
-HRESULT Create(const COM_GUID& clsid, const COM_GUID& iid, UnknownPtr& object,
-               std::string& detail) {
-    try {
-        return COM_CreateInstance(clsid, nullptr, iid, object.OutVoid());
-    } catch (const utlAutoIfBase::XBadPtrException&) {
-        detail = "the class's library reported success but handed out no class factory";
-        return E_POINTER;
-    }
-}
-
 std::vector<std::string> AnsweredInterfaces(COM_IUnknown* object) {
     std::vector<std::string> names;
     for (const KnownInterface& known : kRuntimeInterfaces) {
@@ -136,7 +124,18 @@ std::vector<std::string> AnsweredInterfaces(COM_IUnknown* object) {
     return names;
 }
 
-// The class named on the command line: an identifier, else a ProgID.
+}  // namespace
+
+HRESULT CreateObject(const COM_GUID& clsid, const COM_GUID& iid, UnknownPtr& object,
+                     std::string& detail) {
+    try {
+        return COM_CreateInstance(clsid, nullptr, iid, object.OutVoid());
+    } catch (const utlAutoIfBase::XBadPtrException&) {
+        detail = "the class's library reported success but handed out no class factory";
+        return E_POINTER;
+    }
+}
+
 HRESULT ResolveClass(const std::string& name, COM_GUID& clsid, std::string& detail) {
     if (ParseGuid(name, clsid)) return S_OK;
     std::wstring progId = Wide(name);
@@ -144,8 +143,6 @@ HRESULT ResolveClass(const std::string& name, COM_GUID& clsid, std::string& deta
     if (FAILED(hr)) detail = "'" + name + "' is neither a class identifier nor a registered ProgID";
     return hr;
 }
-
-}  // namespace
 
 int RunClasses(CToolContext& context) {
     ExpectArgs(context, 0, 0);
@@ -174,11 +171,11 @@ int RunCreate(CToolContext& context) {
 
     COM_ClearErrorInfo();
     UnknownPtr object;
-    hr = Create(clsid, COM_IID_IUnknown, object, detail);
+    hr = CreateObject(clsid, COM_IID_IUnknown, object, detail);
     // An object that does not admit to COM_IUnknown is still asked for the
     // runtime's other interfaces, one creation each, until one is granted.
     for (size_t i = 1; hr == E_NOINTERFACE && i < std::size(kRuntimeInterfaces); ++i)
-        hr = Create(clsid, *kRuntimeInterfaces[i].iid, object, detail);
+        hr = CreateObject(clsid, *kRuntimeInterfaces[i].iid, object, detail);
     if (SUCCEEDED(hr) && object.IsNull()) {
         hr = E_POINTER;
         detail = "the factory reported success but handed out no object";
@@ -203,6 +200,7 @@ int RunCreate(CToolContext& context) {
     }
 
     const std::vector<std::string> interfaces = AnsweredInterfaces(object);
+    const std::vector<std::string> own = AnsweredComponentInterfaces(object, nullptr);
     object.Reset();
     wchar_t* progIdText = nullptr;
     const bool hasProgId = SUCCEEDED(COM_GetProgIDFromClsid(clsid, &progIdText));
@@ -218,13 +216,25 @@ int RunCreate(CToolContext& context) {
             .Key("interfaces").BeginArray();
         for (const std::string& iface : interfaces)
             json.String(iface);
-        json.EndArray().EndObject();
+        json.EndArray();
+        // Only components built from a definition have interfaces to list.
+        if (!own.empty()) {
+            json.Key("componentInterfaces").BeginArray();
+            for (const std::string& iface : own)
+                json.String(iface);
+            json.EndArray();
+        }
+        json.EndObject();
         return kExitOk;
     }
     std::cout << "created " << clsidText;
     if (hasProgId) std::cout << " (" << progId << ")";
     std::cout << "\nruntime interfaces it answers:\n";
     for (const std::string& iface : interfaces)
+        std::cout << "  " << iface << "\n";
+    if (own.empty()) return kExitOk;
+    std::cout << "component interfaces it answers (veltcom describe shows them):\n";
+    for (const std::string& iface : own)
         std::cout << "  " << iface << "\n";
     return kExitOk;
 }

@@ -187,6 +187,26 @@ int RunRegExport(CToolContext& context);
 int RunDecode(CToolContext& context);
 int RunCategories(CToolContext& context);
 int RunCheck(CToolContext& context);
+int RunDescribe(CToolContext& context);
+
+// The class named on the command line: an identifier, else a ProgID.
+HRESULT ResolveClass(const std::string& name, COM_GUID& clsid, std::string& detail);
+// Creates the object for `iid`; a bad-pointer exception (a library that
+// reported success without a factory) becomes E_POINTER with `detail` set.
+HRESULT CreateObject(const COM_GUID& clsid, const COM_GUID& iid,
+                     utlAutoIf<COM_IUnknown, &COM_IID_IUnknown>& object, std::string& detail);
+
+// An interface recorded under Interface in the classes hive by a component
+// with type information.
+struct RegisteredInterface {
+    COM_GUID iid;
+    std::string name;
+};
+std::vector<RegisteredInterface> RegisteredInterfaces();
+// The names of the registered interfaces `object` answers; each also goes to
+// `answered` when given.
+std::vector<std::string> AnsweredComponentInterfaces(COM_IUnknown* object,
+                                                     std::vector<RegisteredInterface>* answered);
 
 // Throws CUsageError unless the command got between min and max arguments.
 void ExpectArgs(const CToolContext& context, size_t min, size_t max);

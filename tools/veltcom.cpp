@@ -47,14 +47,23 @@ const Command kCommands[] = {
      "Lists every class key under CLSID in the classes hive: identifier, ProgID,\n"
      "InprocServer32, InstallCount, and display name (or description).\n",
      nullptr, RunClasses},
-    {"create", "ID-OR-PROGID", "create an object and list the runtime interfaces it answers",
+    {"create", "ID-OR-PROGID", "create an object and list the interfaces it answers",
      "Activates the class through COM_CreateInstance, as an application would:\n"
      "component libraries are loaded by base name from the working directory.\n"
      "ID-OR-PROGID is a class identifier (_XXXXXXXX-XXXX-xxxx-XXXX-XXXXXXXXXXXX_,\n"
      "with braces, or bare) or a ProgID. Lists which of the runtime's own\n"
-     "interfaces the object answers; on failure prints the code, its text and the\n"
-     "current error information.\n",
+     "interfaces the object answers, then which registered component interfaces;\n"
+     "on failure prints the code, its text and the current error information.\n",
      nullptr, RunCreate},
+    {"describe", "ID-OR-PROGID-OR-IID", "show the interfaces of a class, or one interface",
+     "With a class identifier or ProgID, creates the object as create does and\n"
+     "shows each registered interface it answers; with an interface identifier,\n"
+     "shows that interface. Each interface comes with its base and its methods\n"
+     "in slot order, every parameter with its direction and type, as the\n"
+     "component's type information declares them. Interfaces are registered\n"
+     "under Interface in the classes hive when a component built from a\n"
+     "definition registers.\n",
+     nullptr, RunDescribe},
     {"reg query", "HIVE [PATH]", "show a key with its values and sub-keys as a tree",
      "Shows the key at PATH (the hive root when PATH is omitted), its values and\n"
      "its whole subtree.\n",

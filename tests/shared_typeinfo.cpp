@@ -1,0 +1,95 @@
+// Type information of a component built from a definition: registration
+// records its interfaces, COM_GetTypeInfo reads back what the component
+// compiled in, the tool describes it, and unregistration takes it away.
+#include "idlSample.h"
+#include "shared_tool_support.h"
+
+namespace {
+
+using TypeInfoPtr = utlAutoIf<COM_ITypeInfo, &COM_IID_ITypeInfo>;
+
+class TypeInfoTest : public ToolTest {};
+
+std::string Narrow(wchar_t* text) {
+    const std::wstring wide = Take(text);
+    return std::string(wide.begin(), wide.end());
+}
+
+// Every field of every interface, as the runtime hands it out, against the
+// tables the component was built with.
+void ExpectSameAsTables(const COM_TYPEINTERFACE& table) {
+    TypeInfoPtr info;
+    ASSERT_EQ(COM_GetTypeInfo(*table.iid, info.Out()), S_OK) << table.name;
+    wchar_t* text = nullptr;
+    COM_GUID base;
+    unsigned int count = 0;
+    EXPECT_EQ(info->GetName(&text), S_OK);
+    EXPECT_EQ(Narrow(text), table.name);
+    EXPECT_EQ(info->GetBase(&base, &text), S_OK);
+    EXPECT_EQ(Narrow(text), table.baseName);
+    EXPECT_EQ(base, *table.baseIid);
+    EXPECT_EQ(info->GetMethodCount(&count), S_OK);
+    ASSERT_EQ(count, table.methodCount);
+    for (unsigned int m = 0; m < count; ++m) {
+        unsigned int params = 0;
+        EXPECT_EQ(info->GetMethod(m, &text, &params), S_OK);
+        EXPECT_EQ(Narrow(text), table.methods[m].name);
+        ASSERT_EQ(params, table.methods[m].paramCount);
+        for (unsigned int p = 0; p < params; ++p) {
+            wchar_t* type = nullptr;
+            unsigned int flags = 0;
+            EXPECT_EQ(info->GetParam(m, p, &text, &type, &flags), S_OK);
+            EXPECT_EQ(Narrow(text), table.methods[m].params[p].name);
+            EXPECT_EQ(Narrow(type), table.methods[m].params[p].type);
+            EXPECT_EQ(flags, table.methods[m].params[p].flags);
+        }
+        EXPECT_EQ(info->GetParam(m, params, &text, &text, &count), E_INVALIDARG);
+    }
+    EXPECT_EQ(info->GetMethod(count, &text, &count), E_INVALIDARG);
+}
+
+TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent) {
+    COM_ITypeInfo* none = Unwritten<COM_ITypeInfo>();
+    EXPECT_EQ(COM_GetTypeInfo(IID_ICalc, &none), REGDB_E_KEYMISSING);
+    EXPECT_EQ(none, nullptr);
+    EXPECT_EQ(COM_GetTypeInfo(IID_ICalc, nullptr), E_POINTER);
+
+    // The runtime's hresult binder routes the facility to its decoder.
+    RunOk({"register", VELTCOM_LIBRARY_PATH});
+    RegisterWithTool(COMPONENT_testidl);
+    for (const COM_TYPEINTERFACE& table : TYPEINTERFACES_idlSample) ExpectSameAsTables(table);
+    // Another identifier pointed at the library: its tables do not hold it.
+    RunOk({"reg", "set", "1", "Interface\\" + Text(COM_IID_IMemory), "Library", "libtestidl.so"});
+    EXPECT_EQ(COM_GetTypeInfo(COM_IID_IMemory, &none), E_NOINTERFACE);
+    RunOk({"reg", "delete", "1", "Interface\\" + Text(COM_IID_IMemory)});
+
+    // The tool shows what the object answers, base interfaces included.
+    EXPECT_EQ(RunOk({"describe", "Test.IdlCalc"}).out,
+              "class " + Text(CLSID_IdlCalc) + " (Test.IdlCalc)\n"
+              "interface ICalc " + Text(IID_ICalc) + " : COM_IUnknown\n"
+              "  HRESULT Add([in] int32 a, [in] int32 b, [out, retval] int32* sum)\n"
+              "  HRESULT Label([in] wstring prefix, [out, retval] BSTR* label)\n"
+              "interface ICalcMore " + Text(IID_ICalcMore) + " : ICalc\n"
+              "  HRESULT Scale([in, out] double* value, [in] SampleMode mode)\n"
+              "  HRESULT Move([in] SamplePoint from, [out] SamplePoint* to)\n"
+              "  HRESULT Find([in] GUID iid, [out] void** object)\n"
+              "  HRESULT Pair([in] ICalc* other, [out] ICalc** same)\n"
+              "  HRESULT Flags([in] boolean on, [in] uint64 mask, [out] int8* small)\n"
+              "interface ISeparate " + Text(IID_ISeparate) + " : COM_IUnknown\n"
+              "  HRESULT Ping()\n");
+    EXPECT_TRUE(Contains(RunJson({"describe", Text(IID_ISeparate)}),
+                         R"("name":"ISeparate","base":"COM_IUnknown","methods":[{"name":"Ping","params":[]}])"));
+    EXPECT_TRUE(Contains(RunOk({"create", "Test.IdlCalc"}).out,
+                         "component interfaces it answers (veltcom describe shows them):\n"
+                         "  ICalc\n  ICalcMore\n  ISeparate\n"));
+    // The category's description and the facility's decoder came with it.
+    EXPECT_TRUE(Contains(RunOk({"categories"}).out, "Sample calculators"));
+    EXPECT_TRUE(Contains(RunOk({"decode", "0x807A0002"}).out, " It broke [807A0002]\n"));
+
+    RunOk({"unregister", COMPONENT_testidl});
+    EXPECT_EQ(COM_GetTypeInfo(IID_ICalc, &none), REGDB_E_KEYMISSING);
+    for (const std::string& gone : {std::string("<Interface"), Text(CATID_SampleCalculators)})
+        EXPECT_FALSE(Contains(RegistryFile(), gone)) << gone;
+}
+
+}  // namespace

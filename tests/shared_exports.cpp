@@ -72,15 +72,13 @@ const char* const kFlatFunctions[] = {
 
 }  // namespace
 
-TEST_F(SharedLibrary, IdentifierConstantsHaveTheirValues) {
+// Identifier constants, with their values, and flat functions.
+TEST_F(SharedLibrary, IdentifiersAndFlatFunctionsAreExportedUnderPlainNames) {
     for (const IdentifierExport& expected : kIdentifiers) {
         const void* symbol = Symbol(expected.name);
         ASSERT_NE(symbol, nullptr) << expected.name;
         EXPECT_EQ(std::memcmp(symbol, &expected.value, sizeof(COM_GUID)), 0) << expected.name;
     }
-}
-
-TEST_F(SharedLibrary, FlatFunctionsAreExportedUnderPlainNames) {
     for (const char* name : kFlatFunctions) EXPECT_NE(Symbol(name), nullptr) << name;
 }
 

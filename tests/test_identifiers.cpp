@@ -14,13 +14,11 @@ const COM_GUID kSentinel = {0xdeadbeef, 0xdead, 0xbeef, {1, 1, 1, 1, 1, 1, 1, 1}
 
 }  // namespace
 
-TEST(IdentifierText, WritesUnderscoresAndALowerCaseThirdGroup) {
+TEST(IdentifierText, WritesUnderscoresAndALowerCaseThirdGroupAndReadsAnyCase) {
     EXPECT_EQ(TextOf(kSample), L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF_");
     EXPECT_EQ(TextOf(COM_GUID_NULL), L"_00000000-0000-0000-0000-000000000000_");
     EXPECT_EQ(TextOf(COM_IID_IErrorInfo), L"_E2A24480-2384-11d3-A04C-0080C74AF19F_");
-}
-
-TEST(IdentifierText, ReadsItsOwnOutputAndAnyCase) {
+    // Its own output reads back, and so does any case.
     for (const wchar_t* text : {L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF_",
                                 L"_0123ABCD-ABCD-ABCD-0123-456789ABCDEF_",
                                 L"_0123abcd-abcd-abcd-0123-456789abcdef_",

@@ -119,7 +119,8 @@ TEST(StatusTable, ExactlyTheListedCodesHaveTheirTexts) {
 TEST(StatusTable, FacilityRulesAndTheBlankPaddedUpperCaseCode) {
     // VELT: the rule wins over the table, the severity bit is ignored but not
     // bit 28. DNS: minus 65538 less the number. SSH: subsystem 0 is the table,
-    // 1 is SSH (even with a listed code's number), 2 SFTP. System: no text.
+    // 1 is SSH (even with a listed code's number), 2 SFTP. System: the
+    // system's own text, or "Unknown Exception" and the number.
     const Row cases[] = {
         {0x12345678, L"Unknown error [12345678]"}, {0x00004001, L"Unknown error [    4001]"},
         {0x00000ABC, L"Unknown error [     ABC]"}, {0xFFFFFFFF, L"Unknown error [FFFFFFFF]"},
@@ -136,9 +137,6 @@ TEST(StatusTable, FacilityRulesAndTheBlankPaddedUpperCaseCode) {
         {0x80621267, L"Unknown Exception4711 [80621267]"}, {0x8062FFFF, L"Unknown Exception65535 [8062FFFF]"},
     };
     for (const Row& row : cases) EXPECT_EQ(Expand(row.code), row.text) << std::hex << row.code;
-}
-
-TEST(StatusTable, SystemFacilityUsesTheSystemsOwnText) {
     ASSERT_FALSE(SystemText(2).empty());
     EXPECT_EQ(Expand(0x80620002), SystemText(2) + L" [80620002]");
     EXPECT_EQ(Expand(0x0062000D), SystemText(13) + L" [  62000D]");

@@ -128,6 +128,7 @@ bool Succeeded(HRESULT hr) { return SUCCEEDED(hr) && hr != S_FALSE; }
 // Runs the library's entry point within a transaction of the tool's own, which
 // the runtime's registration joins, and commits what it wrote.
 void CallInTransaction(const ServerVerb& verb, void* entry, ServerResult& result) {
+    COM_ClearErrorInfo();
     TransactionPtr transaction;
     result.hr = transaction.QueryFrom(Registry());
     if (SUCCEEDED(result.hr)) result.hr = transaction->Begin();
@@ -136,7 +137,6 @@ void CallInTransaction(const ServerVerb& verb, void* entry, ServerResult& result
         return;
     }
     const ClassTable before = ReadClasses(Registry());
-    COM_ClearErrorInfo();
     try {
         result.hr = reinterpret_cast<HRESULT (*)()>(entry)();
     } catch (...) {

@@ -217,15 +217,22 @@ HRESULT COM_CComModule::RegisterServer(int reg) {
     // and of every later class are left alone for the rest of the run.
     bool categoriesAllowed = true;
     CatRegisterPtr catRegister;
-    for (const COM_OBJMAP_ENTRY* entry = m_pObjectMap; entry && entry->pclsid; ++entry) {
-        if (entry->pfnUpdateRegistry) {
-            const HRESULT updated = entry->pfnUpdateRegistry(reg);
-            if (FAILED(updated)) result = S_FALSE;
-            if (!reg && updated == S_FALSE) categoriesAllowed = false;
+    try {
+        for (const COM_OBJMAP_ENTRY* entry = m_pObjectMap; entry && entry->pclsid; ++entry) {
+            if (entry->pfnUpdateRegistry) {
+                const HRESULT updated = entry->pfnUpdateRegistry(reg);
+                if (FAILED(updated)) result = S_FALSE;
+                if (!reg && updated == S_FALSE) categoriesAllowed = false;
+            }
+            if (!UpdateClassCategories(*entry, reg, categoriesAllowed, catRegister)) result = S_FALSE;
         }
-        if (!UpdateClassCategories(*entry, reg, categoriesAllowed, catRegister)) result = S_FALSE;
+        if (!UpdateTypeLibraryRegistration(*this, reg, categoriesAllowed)) result = S_FALSE;
+    } catch (...) {
+        // A class whose registration throws leaves neither its half-written
+        // entries nor the writers' lock behind.
+        transaction->Abort();
+        throw;
     }
-    if (!UpdateTypeLibraryRegistration(*this, reg, categoriesAllowed)) result = S_FALSE;
     hr = transaction->Commit();
     return FAILED(hr) ? hr : result;
 }

@@ -130,9 +130,8 @@ void UpdateInterface(COM_IRegistry* registry, const COM_TYPEINTERFACE& entry, in
 // in it: classes of other components may still be members.
 HRESULT UpdateCategory(COM_ICatRegister* categories, const COM_TYPECATEGORY& entry, int reg) {
     if (reg)
-        return entry.description
-                   ? categories->RegisterCategory(*entry.catid, entry.description)
-                   : S_OK;
+        return entry.description ? categories->RegisterCategory(*entry.catid, entry.description)
+                                 : S_OK;
     EnumClsidPtr members;
     if (FAILED(categories->EnumClassesOfCategory(*entry.catid, members.Out()))) return S_OK;
     unsigned long count = 0;

@@ -17,6 +17,7 @@
 #include "comModule.h"
 #include "comMoniker.h"
 #include "comTypeInfo.h"
+#include "comUtil.h"
 
 // Each interface's identifier and base. veltcom-idl writes one for every
 // interface it generates; the runtime's own are below.
@@ -137,13 +138,13 @@ struct COM_CClassRegistration {
 // current error, and returns hr, so that a method can end with
 // `return COM_ReportError(E_..., L"Sample.Thing", L"what went wrong");`.
 inline HRESULT COM_ReportError(HRESULT hr, const wchar_t* location, const wchar_t* description) {
-    COM_IErrorInfo* info = nullptr;
-    if (FAILED(COM_CreateErrorInfo(&info))) return hr;
+    utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo> info;
+    if (FAILED(COM_CreateErrorInfo(info.Out()))) return hr;
+    // The setters copy the text.
     info->SetDescription(const_cast<wchar_t*>(description));
     info->SetLocation(const_cast<wchar_t*>(location));
     info->SetHRESULT(hr);
     COM_SetErrorInfo(info);
-    info->Release();
     return hr;
 }
 

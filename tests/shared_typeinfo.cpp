@@ -65,20 +65,28 @@ TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent
 
     // The tool shows what the object answers, base interfaces included.
     EXPECT_EQ(RunOk({"describe", "Test.IdlCalc"}).out,
-              "class " + Text(CLSID_IdlCalc) + " (Test.IdlCalc)\n"
-              "interface ICalc " + Text(IID_ICalc) + " : COM_IUnknown\n"
-              "  HRESULT Add([in] int32 a, [in] int32 b, [out, retval] int32* sum)\n"
-              "  HRESULT Label([in] wstring prefix, [out, retval] BSTR* label)\n"
-              "interface ICalcMore " + Text(IID_ICalcMore) + " : ICalc\n"
-              "  HRESULT Scale([in, out] double* value, [in] SampleMode mode)\n"
-              "  HRESULT Move([in] SamplePoint from, [out] SamplePoint* to)\n"
-              "  HRESULT Find([in] GUID iid, [out] void** object)\n"
-              "  HRESULT Pair([in] ICalc* other, [out] ICalc** same)\n"
-              "  HRESULT Flags([in] boolean on, [in] uint64 mask, [out] int8* small)\n"
-              "interface ISeparate " + Text(IID_ISeparate) + " : COM_IUnknown\n"
-              "  HRESULT Ping()\n");
-    EXPECT_TRUE(Contains(RunJson({"describe", Text(IID_ISeparate)}),
-                         R"("name":"ISeparate","base":"COM_IUnknown","methods":[{"name":"Ping","params":[]}])"));
+              "class " + Text(CLSID_IdlCalc) +
+                  " (Test.IdlCalc)\n"
+                  "interface ICalc " +
+                  Text(IID_ICalc) +
+                  " : COM_IUnknown\n"
+                  "  HRESULT Add([in] int32 a, [in] int32 b, [out, retval] int32* sum)\n"
+                  "  HRESULT Label([in] wstring prefix, [out, retval] BSTR* label)\n"
+                  "interface ICalcMore " +
+                  Text(IID_ICalcMore) +
+                  " : ICalc\n"
+                  "  HRESULT Scale([in, out] double* value, [in] SampleMode mode)\n"
+                  "  HRESULT Move([in] SamplePoint from, [out] SamplePoint* to)\n"
+                  "  HRESULT Find([in] GUID iid, [out] void** object)\n"
+                  "  HRESULT Pair([in] ICalc* other, [out] ICalc** same)\n"
+                  "  HRESULT Flags([in] boolean on, [in] uint64 mask, [out] int8* small)\n"
+                  "interface ISeparate " +
+                  Text(IID_ISeparate) +
+                  " : COM_IUnknown\n"
+                  "  HRESULT Ping()\n");
+    EXPECT_TRUE(Contains(
+        RunJson({"describe", Text(IID_ISeparate)}),
+        R"("name":"ISeparate","base":"COM_IUnknown","methods":[{"name":"Ping","params":[]}])"));
     EXPECT_TRUE(Contains(RunOk({"create", "Test.IdlCalc"}).out,
                          "component interfaces it answers (veltcom describe shows them):\n"
                          "  ICalc\n  ICalcMore\n  ISeparate\n"));

@@ -2,6 +2,7 @@
 // gives every method its own slot and a working interface map; malformed
 // definitions are refused at the right place; --check's verdicts.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <fstream>
 #include <map>
@@ -9,6 +10,7 @@
 
 #include "idl.h"
 #include "idlSample.h"
+#include "testSupport.h"
 
 namespace {
 
@@ -19,7 +21,9 @@ public:
     HRESULT Add(int32_t a, int32_t b, int32_t* sum) override { return Mark(1, *sum = a + b); }
     HRESULT Label(const wchar_t*, wchar_t** label) override { return Mark(2, *label = nullptr); }
     HRESULT Scale(double* value, SampleMode mode) override { return Mark(3, *value *= mode); }
-    HRESULT Move(const SamplePoint& from, SamplePoint* to) override { return Mark(4, (*to = from).x); }
+    HRESULT Move(const SamplePoint& from, SamplePoint* to) override {
+        return Mark(4, (*to = from).x);
+    }
     HRESULT Find(const COM_GUID& iid, void** object) override {
         return Mark(5, QueryInterface(iid, object));
     }
@@ -80,9 +84,9 @@ TEST(IdlGenerated, EverySlotReachesItsMethodAndTheMapAnswersBasesWithOneIdentity
     EXPECT_EQ(identity1, identity2);
     EXPECT_EQ(more->QueryInterface(COM_IID_IErrorInfo, &found), E_NOINTERFACE);
     EXPECT_EQ(found, nullptr);
-    for (COM_IUnknown* p : {static_cast<COM_IUnknown*>(static_cast<ICalc*>(base)), identity1,
-                            identity2, static_cast<COM_IUnknown*>(same),
-                            static_cast<COM_IUnknown*>(separate)})
+    for (COM_IUnknown* p :
+         {static_cast<COM_IUnknown*>(static_cast<ICalc*>(base)), identity1, identity2,
+          static_cast<COM_IUnknown*>(same), static_cast<COM_IUnknown*>(separate)})
         p->Release();
     EXPECT_EQ(more->Release(), 0u);
 }
@@ -147,21 +151,29 @@ TEST(IdlErrors, MalformedDefinitionsAreRefusedWithMessageAndPlace) {
          "parameter 'x' is [in]: write its type as BSTR"},
         {kUuid + "interface I : COM_IUnknown { HRESULT F([out] wstring* x); };", 3, 46,
          "wstring is for [in] parameters only"},
-        {kUuid + "interface I : COM_IUnknown { HRESULT F([out, retval] int32* a, [in] int32 b); };", 3, 40,
-         "retval is for the last parameter, [out] only"},
+        {kUuid + "interface I : COM_IUnknown { HRESULT F([out, retval] int32* a, [in] int32 b); };",
+         3, 40, "retval is for the last parameter, [out] only"},
         {kUuid + "interface I : COM_IUnknown { HRESULT F([out, iid_is(q)] void** p); };", 3, 40,
          "iid_is names a GUID parameter of the same method"},
-        {kUuid + "interface I : COM_IUnknown { HRESULT F([in] Nothing x); };", 3, 45, "unknown type 'Nothing'"},
-        {kUuid + "interface I : COM_IUnknown { HRESULT F(); HRESULT F(); };", 3, 51, "method 'F' is declared twice"},
+        {kUuid + "interface I : COM_IUnknown { HRESULT F([in] Nothing x); };", 3, 45,
+         "unknown type 'Nothing'"},
+        {kUuid + "interface I : COM_IUnknown { HRESULT F(); HRESULT F(); };", 3, 51,
+         "method 'F' is declared twice"},
+        {kUuid + "interface I : COM_IUnknown { HRESULT F([in] int32 new); };", 3, 51,
+         "'new' is a C++ keyword"},
         {kUuid + "interface COM_IErrorInfo : COM_IUnknown {};", 3, 11,
          "'COM_IErrorInfo' is already declared as a interface"},
-        {kUuid + "interface I : COM_IUnknown {};\n[uuid(6b0c3f52-1d7e-4f3a-9c2b-0a1b2c3d4e5f)] interface J;", 4, 2,
-         "uuid 6B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F already identifies 'I'"},
+        {kUuid + "interface I : COM_IUnknown {};\n[uuid(6b0c3f52-1d7e-4f3a-9c2b-0a1b2c3d4e5f)] "
+                 "interface J;",
+         4, 2, "uuid 6B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F already identifies 'I'"},
         {"\n[uuid(12)] interface J;", 3, 7, "a uuid is written as 8-4-4-4-12 hexadecimal digits"},
-        {"[uuid(1E3F4A5B-6C7D-4E8F-9A0B-1C2D3E4F5A6B), progid(\"P\")]\ncoclass C { interface ICalc; };", 3, 23, "unknown interface 'ICalc'"},
+        {"[uuid(1E3F4A5B-6C7D-4E8F-9A0B-1C2D3E4F5A6B), progid(\"P\")]\ncoclass C { interface "
+         "ICalc; };",
+         3, 23, "unknown interface 'ICalc'"},
         {kUuid + "coclass C { };", 3, 1, "coclass 'C' needs a progid attribute"},
         {"\nfacility F = 0x800 { };", 3, 14, "facility number 0x800 is out of range"},
-        {"\nfacility F = 1 { error A = 1, \"a\"; error B = 1, \"b\"; };", 3, 46, "status 1 is already 'A'"},
+        {"\nfacility F = 1 { error A = 1, \"a\"; error B = 1, \"b\"; };", 3, 46,
+         "status 1 is already 'A'"},
         {kUuid + "category C; /* open", 3, 13, "unterminated comment"},
         {kUuid + "category C; const wstring S = \"x\n", 3, 31, "unterminated string"},
         {kUuid + "category C; $", 3, 13, "unexpected character '$'"},
@@ -224,9 +236,40 @@ TEST(IdlCheck, ChangesThatBreakCallersOrImplementersAreTold) {
         "import \"veltcom.idl\";\n[uuid(7B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F)]\n" + v1, error);
     std::vector<std::string> breaking, compatible;
     idl::Compare(*before, *moved, breaking, compatible);
-    EXPECT_EQ(breaking, std::vector<std::string>{"interface ICalc: uuid 6B0C3F52-1D7E-4F3A-9C2B-"
-                                                 "0A1B2C3D4E5F became 7B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F"});
+    EXPECT_EQ(breaking,
+              std::vector<std::string>{"interface ICalc: uuid 6B0C3F52-1D7E-4F3A-9C2B-"
+                                       "0A1B2C3D4E5F became 7B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F"});
     EXPECT_TRUE(compatible.empty());
+}
+
+class IdlCompiler : public TempDirTest {
+protected:
+    // Runs veltcom-idl in the test's directory; its exit status.
+    int Run(const std::string& args) {
+        const std::string command = "'" VELTCOM_IDL_COMPILER "' " + args + " >out 2>err";
+        const int status = std::system(command.c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+};
+
+TEST_F(IdlCompiler, FindsTheRuntimeDefinitionsAloneAndReportsFaultsWithTheLineAndACaret) {
+    WriteFile("good.idl", kHead + kUuid + "interface ICalc : COM_IUnknown { HRESULT F(); };\n");
+    EXPECT_EQ(Run("-o . good.idl"), 0) << ReadFile("err");
+    EXPECT_NE(ReadFile("good.h").find("#include <veltcom.h>"), std::string::npos);
+
+    WriteFile("bad.idl", kHead + kUuid +
+                             "interface ICalc : COM_IUnknown {\n\tHRESULT F([out] int32 x);\n};\n");
+    EXPECT_EQ(Run("bad.idl"), 1);
+    EXPECT_EQ(ReadFile("err"),
+              "bad.idl:4:18: error: parameter 'x' is [out]: write its type as int32*\n"
+              "\tHRESULT F([out] int32 x);\n"
+              "\t                ^\n");
+
+    WriteFile("moved.idl", kHead + kUuid + "interface ICalc : COM_IUnknown { HRESULT G(); };\n");
+    EXPECT_EQ(Run("--check good.idl moved.idl"), 1);
+    EXPECT_EQ(ReadFile("out"), "incompatible: interface ICalc, slot 1: method F replaced by G\n");
+    EXPECT_EQ(Run("--check good.idl good.idl"), 0);
+    EXPECT_EQ(Run("--check good.idl"), 2);
 }
 
 }  // namespace

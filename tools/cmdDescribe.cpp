@@ -56,8 +56,8 @@ bool Describe(const RegisteredInterface& registered, InterfaceText& out) {
             wchar_t* type = nullptr;
             unsigned int flags = 0;
             hr = info->GetParam(m, p, &text, &type, &flags);
-            method.params.push_back(
-                {TakeBstr(text), TakeBstr(type), Direction(flags), (flags & COM_PARAM_RETVAL) != 0});
+            method.params.push_back({TakeBstr(text), TakeBstr(type), Direction(flags),
+                                     (flags & COM_PARAM_RETVAL) != 0});
         }
         out.methods.push_back(method);
     }
@@ -79,16 +79,21 @@ void PrintText(const InterfaceText& x) {
 }
 
 void PrintJson(CJsonWriter& json, const InterfaceText& x) {
-    json.BeginObject().Key("iid").String(x.iid).Key("name").String(x.name).Key("base").String(x.base);
+    json.BeginObject().Key("iid").String(x.iid).Key("name").String(x.name).Key("base").String(
+        x.base);
     json.Key("methods").BeginArray();
     for (const MethodText& m : x.methods) {
         json.BeginObject().Key("name").String(m.name).Key("params").BeginArray();
         for (const ParamText& p : m.params)
             json.BeginObject()
-                .Key("name").String(p.name)
-                .Key("type").String(p.type)
-                .Key("direction").String(p.direction)
-                .Key("retval").Bool(p.retval)
+                .Key("name")
+                .String(p.name)
+                .Key("type")
+                .String(p.type)
+                .Key("direction")
+                .String(p.direction)
+                .Key("retval")
+                .Bool(p.retval)
                 .EndObject();
         json.EndArray().EndObject();
     }

@@ -16,7 +16,9 @@ public:
     }
     HRESULT Scale(double*, SampleMode) override { return E_NOTIMPL; }
     HRESULT Move(const SamplePoint&, SamplePoint*) override { return E_NOTIMPL; }
-    HRESULT Find(const COM_GUID& iid, void** object) override { return QueryInterface(iid, object); }
+    HRESULT Find(const COM_GUID& iid, void** object) override {
+        return QueryInterface(iid, object);
+    }
     HRESULT Pair(ICalc*, ICalc**) override { return E_NOTIMPL; }
     HRESULT Flags(bool, uint64_t, int8_t*) override { return E_NOTIMPL; }
     HRESULT Ping() override { return S_OK; }

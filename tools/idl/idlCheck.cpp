@@ -21,7 +21,8 @@ std::string Signature(const Method& m) {
 void CompareInterface(const Interface& a, const Interface& b, std::vector<std::string>& breaking) {
     const std::string name = b.name;
     if (a.name != b.name)
-        breaking.push_back("interface " + a.name + " {" + a.uuid + "}: the uuid now names " + b.name);
+        breaking.push_back("interface " + a.name + " {" + a.uuid + "}: the uuid now names " +
+                           b.name);
     if (a.base != b.base)
         breaking.push_back("interface " + name + ": base " + a.base + " became " + b.base);
     for (size_t i = 0; i < a.methods.size(); ++i) {
@@ -54,41 +55,54 @@ void Compare(const Definitions& before, const Definitions& after,
              std::vector<std::string>& breaking, std::vector<std::string>& compatible) {
     for (const Interface& a : before.interfaces) {
         if (a.declaredOnly) continue;
-        const Interface* b = Find(after.interfaces, [&](const Interface& x) { return x.uuid == a.uuid; });
+        const Interface* b =
+            Find(after.interfaces, [&](const Interface& x) { return x.uuid == a.uuid; });
         if (b) {
             CompareInterface(a, *b, breaking);
             continue;
         }
-        const Interface* renamed = Find(after.interfaces, [&](const Interface& x) { return x.name == a.name; });
-        breaking.push_back("interface " + a.name + ": " +
-                           (renamed ? "uuid " + a.uuid + " became " + renamed->uuid : std::string("removed")));
+        const Interface* renamed =
+            Find(after.interfaces, [&](const Interface& x) { return x.name == a.name; });
+        breaking.push_back(
+            "interface " + a.name + ": " +
+            (renamed ? "uuid " + a.uuid + " became " + renamed->uuid : std::string("removed")));
     }
     for (const Interface& b : after.interfaces) {
         if (b.declaredOnly) continue;
-        if (!Find(before.interfaces, [&](const Interface& x) { return x.uuid == b.uuid || x.name == b.name; }))
+        if (!Find(before.interfaces,
+                  [&](const Interface& x) { return x.uuid == b.uuid || x.name == b.name; }))
             compatible.push_back("interface " + b.name + ": added");
     }
     for (const Coclass& a : before.coclasses) {
-        const Coclass* b = Find(after.coclasses, [&](const Coclass& x) { return x.name == a.name; });
-        if (!b) breaking.push_back("coclass " + a.name + ": removed");
-        else if (a.uuid != b->uuid) breaking.push_back("coclass " + a.name + ": uuid " + a.uuid + " became " + b->uuid);
-        else if (a.progId != b->progId) breaking.push_back("coclass " + a.name + ": ProgID " + a.progId + " became " + b->progId);
+        const Coclass* b =
+            Find(after.coclasses, [&](const Coclass& x) { return x.name == a.name; });
+        if (!b)
+            breaking.push_back("coclass " + a.name + ": removed");
+        else if (a.uuid != b->uuid)
+            breaking.push_back("coclass " + a.name + ": uuid " + a.uuid + " became " + b->uuid);
+        else if (a.progId != b->progId)
+            breaking.push_back("coclass " + a.name + ": ProgID " + a.progId + " became " +
+                               b->progId);
     }
     for (const Coclass& b : after.coclasses)
         if (!Find(before.coclasses, [&](const Coclass& x) { return x.name == b.name; }))
             compatible.push_back("coclass " + b.name + ": added");
     for (const Facility& a : before.facilities) {
-        const Facility* b = Find(after.facilities, [&](const Facility& x) { return x.name == a.name; });
+        const Facility* b =
+            Find(after.facilities, [&](const Facility& x) { return x.name == a.name; });
         if (!b) {
             breaking.push_back("facility " + a.name + ": removed");
             continue;
         }
         if (a.number != b->number) breaking.push_back("facility " + a.name + ": number changed");
         for (const StatusCode& s : a.codes) {
-            const StatusCode* t = Find(b->codes, [&](const StatusCode& x) { return x.name == s.name; });
-            if (!t) breaking.push_back("facility " + a.name + ": status " + s.name + " removed");
+            const StatusCode* t =
+                Find(b->codes, [&](const StatusCode& x) { return x.name == s.name; });
+            if (!t)
+                breaking.push_back("facility " + a.name + ": status " + s.name + " removed");
             else if (t->code != s.code || t->success != s.success)
-                breaking.push_back("facility " + a.name + ": status " + s.name + " changed its code");
+                breaking.push_back("facility " + a.name + ": status " + s.name +
+                                   " changed its code");
         }
     }
 }

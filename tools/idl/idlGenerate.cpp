@@ -14,9 +14,11 @@ const Interface* FindOwnOrImported(const Definitions& defs, const std::string& n
 }
 
 bool IsStruct(const Definitions& defs, const std::string& name) {
-    for (const Struct& s : defs.structs) if (s.name == name) return true;
+    for (const Struct& s : defs.structs)
+        if (s.name == name) return true;
     for (const auto& imported : defs.imported)
-        for (const Struct& s : imported->structs) if (s.name == name) return true;
+        for (const Struct& s : imported->structs)
+            if (s.name == name) return true;
     return false;
 }
 
@@ -47,9 +49,10 @@ std::string ParamType(const Definitions& defs, const Param& p) {
 // {0x6B0C3F52, 0x1D7E, 0x4F3A, {0x9C, 0x2B, ...}}
 std::string GuidInitializer(const std::string& uuid) {
     std::string hex;
-    for (char c : uuid) if (c != '-') hex += c;
-    std::string out = "{0x" + hex.substr(0, 8) + ", 0x" + hex.substr(8, 4) + ", 0x" +
-                      hex.substr(12, 4) + ", {";
+    for (char c : uuid)
+        if (c != '-') hex += c;
+    std::string out =
+        "{0x" + hex.substr(0, 8) + ", 0x" + hex.substr(8, 4) + ", 0x" + hex.substr(12, 4) + ", {";
     for (int i = 0; i < 8; ++i) out += (i ? ", 0x" : "0x") + hex.substr(16 + 2 * i, 2);
     return out + "}}";
 }
@@ -75,14 +78,16 @@ std::string Hex(uint32_t value) {
 
 std::string Guard(const std::string& stem) {
     std::string guard = "VELTCOM_IDL_";
-    for (char c : stem) guard += std::isalnum(static_cast<unsigned char>(c)) ? std::toupper(c) : '_';
+    for (char c : stem)
+        guard += std::isalnum(static_cast<unsigned char>(c)) ? std::toupper(c) : '_';
     return guard + "_H";
 }
 
 // An import's header: "veltcom.idl" is the runtime's own.
 std::string IncludeOf(const std::string& import) {
     std::string stem = import.substr(import.rfind('/') + 1);
-    if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".idl") == 0) stem.resize(stem.size() - 4);
+    if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".idl") == 0)
+        stem.resize(stem.size() - 4);
     if (stem == "veltcom") return "<veltcom.h>";
     return "\"" + stem + ".h\"";
 }
@@ -109,7 +114,8 @@ unsigned Flags(const Param& p) {
 
 void WriteTypeLibrary(std::ostream& out, const Definitions& defs, const std::string& stem) {
     std::vector<const Interface*> described;
-    for (const Interface& x : defs.interfaces) if (!x.declaredOnly) described.push_back(&x);
+    for (const Interface& x : defs.interfaces)
+        if (!x.declaredOnly) described.push_back(&x);
     if (described.empty() && defs.categories.empty()) return;
     out << "// Type information: COM_DEFINE_TYPELIBRARY(TYPELIB_" << stem
         << ") in one source of the component exports it.\n";
@@ -127,8 +133,11 @@ void WriteTypeLibrary(std::ostream& out, const Definitions& defs, const std::str
             out << "inline constexpr COM_TYPEMETHOD TYPEMETHODS_" << x->name << "[] = {\n";
             for (const Method& m : x->methods) {
                 out << "    {" << Narrow(m.name) << ", ";
-                if (m.params.empty()) out << "nullptr, 0},\n";
-                else out << "TYPEPARAMS_" << x->name << "_" << m.name << ", " << m.params.size() << "},\n";
+                if (m.params.empty())
+                    out << "nullptr, 0},\n";
+                else
+                    out << "TYPEPARAMS_" << x->name << "_" << m.name << ", " << m.params.size()
+                        << "},\n";
             }
             out << "};\n";
         }
@@ -140,13 +149,14 @@ void WriteTypeLibrary(std::ostream& out, const Definitions& defs, const std::str
     }
     for (const Interface* x : described) {
         // The runtime's own identifiers are named COM_IID_I...
-        const std::string baseIid = x->base.compare(0, 4, "COM_") == 0
-                                        ? "COM_IID_" + x->base.substr(4)
-                                        : "IID_" + x->base;
+        const std::string baseIid =
+            x->base.compare(0, 4, "COM_") == 0 ? "COM_IID_" + x->base.substr(4) : "IID_" + x->base;
         out << "    {&IID_" << x->name << ", " << Narrow(x->name) << ", &" << baseIid << ", "
             << Narrow(x->base) << ", ";
-        if (x->methods.empty()) out << "nullptr, 0},\n";
-        else out << "TYPEMETHODS_" << x->name << ", " << x->methods.size() << "},\n";
+        if (x->methods.empty())
+            out << "nullptr, 0},\n";
+        else
+            out << "TYPEMETHODS_" << x->name << ", " << x->methods.size() << "},\n";
     }
     if (!described.empty()) out << "};\n";
     if (!defs.categories.empty()) {
@@ -196,7 +206,8 @@ std::string GenerateHeader(const Definitions& defs, const std::string& fileStem)
     }
     for (const Struct& s : defs.structs) {
         out << "struct " << s.name << " {\n";
-        for (const Member& m : s.members) out << "    " << ValueType(defs, m.type.name) << " " << m.name << ";\n";
+        for (const Member& m : s.members)
+            out << "    " << ValueType(defs, m.type.name) << " " << m.name << ";\n";
         out << "};\n";
     }
     out << "\n";
@@ -214,11 +225,12 @@ std::string GenerateHeader(const Definitions& defs, const std::string& fileStem)
         out << "\ninline constexpr unsigned int " << f.name << "_FACILITY = " << number << ";\n";
         for (const StatusCode& s : f.codes)
             out << "inline constexpr HRESULT " << f.name << (s.success ? "_S_" : "_E_") << s.name
-                << " = static_cast<HRESULT>(" << Hex((s.success ? 0u : 0x80000000u) | (f.number << 16) | s.code)
-                << ");\n";
+                << " = static_cast<HRESULT>("
+                << Hex((s.success ? 0u : 0x80000000u) | (f.number << 16) | s.code) << ");\n";
         out << "inline constexpr COM_STATUSTEXT STATUSTEXTS_" << f.name << "[] = {\n";
         for (const StatusCode& s : f.codes)
-            out << "    {" << f.name << (s.success ? "_S_" : "_E_") << s.name << ", " << Wide(s.text) << "},\n";
+            out << "    {" << f.name << (s.success ? "_S_" : "_E_") << s.name << ", "
+                << Wide(s.text) << "},\n";
         out << "};\ninline constexpr COM_FACILITYINFO FACILITY_" << f.name << " = {" << f.name
             << "_FACILITY, STATUSTEXTS_" << f.name << ", " << f.codes.size() << ", "
             << Wide("Unknown status of facility " + std::string(number)) << "};\n";
@@ -226,7 +238,8 @@ std::string GenerateHeader(const Definitions& defs, const std::string& fileStem)
 
     for (const Coclass& c : defs.coclasses) {
         out << "\n// {" << c.uuid << "}, ProgID \"" << c.progId << "\"\n"
-            << "inline constexpr COM_GUID CLSID_" << c.name << " = " << GuidInitializer(c.uuid) << ";\n";
+            << "inline constexpr COM_GUID CLSID_" << c.name << " = " << GuidInitializer(c.uuid)
+            << ";\n";
         std::string categories = "nullptr";
         if (!c.categories.empty()) {
             categories = "CATEGORIES_" + c.name;

@@ -64,7 +64,8 @@ void Report(const idl::Error& error, const std::string& text) {
               << ": error: " << error.message << "\n";
     std::istringstream lines(text);
     std::string line;
-    for (int i = 0; i < error.place.line && std::getline(lines, line); ++i) {}
+    for (int i = 0; i < error.place.line && std::getline(lines, line); ++i) {
+    }
     std::string caret;
     for (int i = 0; i + 1 < error.place.column && i < static_cast<int>(line.size()); ++i)
         caret += line[i] == '\t' ? '\t' : ' ';
@@ -129,7 +130,8 @@ int main(int argc, char** argv) {
     auto defs = Load(files[0], resolve);
     if (!defs) return 1;
     std::string stem = files[0].substr(files[0].rfind('/') + 1);
-    if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".idl") == 0) stem.resize(stem.size() - 4);
+    if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".idl") == 0)
+        stem.resize(stem.size() - 4);
     const std::string header = outDir + "/" + stem + ".h";
     std::ofstream out(header, std::ios::binary);
     out << idl::GenerateHeader(*defs, stem);

@@ -25,10 +25,21 @@ struct Token {
     Place place;
 };
 
-const std::set<std::string> kBuiltins = {"boolean", "int8",   "uint8",  "int16",  "uint16",
-                                         "int32",   "uint32", "int64",  "uint64", "float",
-                                         "double",  "wstring", "BSTR",  "GUID",   "HRESULT",
-                                         "void"};
+// Names the generated header would not compile with.
+const std::set<std::string> kCppKeywords = {
+    "alignas", "alignof",  "and",       "asm",      "auto",      "bool",     "break",    "case",
+    "catch",   "char",     "class",     "const",    "constexpr", "continue", "decltype", "default",
+    "delete",  "do",       "double",    "else",     "enum",      "explicit", "export",   "extern",
+    "false",   "float",    "for",       "friend",   "goto",      "if",       "inline",   "int",
+    "long",    "mutable",  "namespace", "new",      "noexcept",  "not",      "nullptr",  "operator",
+    "or",      "private",  "protected", "public",   "register",  "return",   "short",    "signed",
+    "sizeof",  "static",   "struct",    "switch",   "template",  "this",     "throw",    "true",
+    "try",     "typedef",  "typeid",    "typename", "union",     "unsigned", "using",    "virtual",
+    "void",    "volatile", "while",     "xor"};
+
+const std::set<std::string> kBuiltins = {
+    "boolean", "int8",  "uint8",  "int16",   "uint16", "int32", "uint32",  "int64",
+    "uint64",  "float", "double", "wstring", "BSTR",   "GUID",  "HRESULT", "void"};
 
 class Parser {
 public:
@@ -142,7 +153,8 @@ private:
                 Advance();
                 if (Peek() != '"' && Peek() != '\\')
                     throw Fault{m_place, "unknown escape in string"};
-            } else if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7E) {
+            } else if (static_cast<unsigned char>(c) < 0x20 ||
+                       static_cast<unsigned char>(c) > 0x7E) {
                 throw Fault{m_place, "strings hold printable ASCII characters only"};
             }
             m_token.text += Peek();
@@ -155,14 +167,15 @@ private:
     bool IsWord(const char* word) const {
         return m_token.kind == Kind::Identifier && m_token.text == word;
     }
-    bool IsPunct(char c) const {
-        return m_token.kind == Kind::Punct && m_token.text[0] == c;
-    }
+    bool IsPunct(char c) const { return m_token.kind == Kind::Punct && m_token.text[0] == c; }
     std::string Describe() const {
         switch (m_token.kind) {
-            case Kind::End: return "end of file";
-            case Kind::String: return "a string";
-            default: return "'" + m_token.text + "'";
+            case Kind::End:
+                return "end of file";
+            case Kind::String:
+                return "a string";
+            default:
+                return "'" + m_token.text + "'";
         }
     }
     [[noreturn]] void Expected(const std::string& what) const {
@@ -170,10 +183,6 @@ private:
     }
     void Expect(char c) {
         if (!IsPunct(c)) Expected(std::string("'") + c + "'");
-        Next();
-    }
-    void ExpectWord(const char* word) {
-        if (!IsWord(word)) Expected(std::string("'") + word + "'");
         Next();
     }
     std::string Identifier(const char* what) {
@@ -206,29 +215,44 @@ private:
     // What `name` is declared as in this file or an import; empty if nothing.
     std::string KindOf(const std::string& name) const {
         for (const Definitions* d : Scopes()) {
-            for (const auto& x : d->interfaces) if (x.name == name) return "interface";
-            for (const auto& x : d->structs) if (x.name == name) return "struct";
-            for (const auto& x : d->enums) if (x.name == name) return "enum";
-            for (const auto& x : d->consts) if (x.name == name) return "constant";
-            for (const auto& x : d->categories) if (x.name == name) return "category";
-            for (const auto& x : d->facilities) if (x.name == name) return "facility";
-            for (const auto& x : d->coclasses) if (x.name == name) return "coclass";
+            for (const auto& x : d->interfaces)
+                if (x.name == name) return "interface";
+            for (const auto& x : d->structs)
+                if (x.name == name) return "struct";
+            for (const auto& x : d->enums)
+                if (x.name == name) return "enum";
+            for (const auto& x : d->consts)
+                if (x.name == name) return "constant";
+            for (const auto& x : d->categories)
+                if (x.name == name) return "category";
+            for (const auto& x : d->facilities)
+                if (x.name == name) return "facility";
+            for (const auto& x : d->coclasses)
+                if (x.name == name) return "coclass";
         }
         return "";
     }
+    static void CheckName(const std::string& name, const Place& place) {
+        if (kCppKeywords.count(name)) throw Fault{place, "'" + name + "' is a C++ keyword"};
+    }
     void Declare(const std::string& name, const Place& place) {
+        CheckName(name, place);
         if (kBuiltins.count(name)) throw Fault{place, "'" + name + "' is a built-in type"};
         const std::string kind = KindOf(name);
         if (!kind.empty()) throw Fault{place, "'" + name + "' is already declared as a " + kind};
     }
     void ClaimUuid(const std::string& uuid, const Place& place) {
         for (const Definitions* d : Scopes()) {
-            for (const auto& x : d->interfaces) if (x.uuid == uuid) Reused(uuid, x.name, place);
-            for (const auto& x : d->categories) if (x.uuid == uuid) Reused(uuid, x.name, place);
-            for (const auto& x : d->coclasses) if (x.uuid == uuid) Reused(uuid, x.name, place);
+            for (const auto& x : d->interfaces)
+                if (x.uuid == uuid) Reused(uuid, x.name, place);
+            for (const auto& x : d->categories)
+                if (x.uuid == uuid) Reused(uuid, x.name, place);
+            for (const auto& x : d->coclasses)
+                if (x.uuid == uuid) Reused(uuid, x.name, place);
         }
     }
-    [[noreturn]] static void Reused(const std::string& uuid, const std::string& by, const Place& p) {
+    [[noreturn]] static void Reused(const std::string& uuid, const std::string& by,
+                                    const Place& p) {
         throw Fault{p, "uuid " + uuid + " already identifies '" + by + "'"};
     }
 
@@ -294,7 +318,8 @@ private:
         static const char kPattern[] = "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX";
         for (size_t i = 0; i + 1 < sizeof kPattern; ++i) {
             const char c = Peek();
-            const bool ok = kPattern[i] == '-' ? c == '-' : std::isxdigit(static_cast<unsigned char>(c)) != 0;
+            const bool ok =
+                kPattern[i] == '-' ? c == '-' : std::isxdigit(static_cast<unsigned char>(c)) != 0;
             if (!ok || m_pos >= m_text.size())
                 throw Fault{start, "a uuid is written as 8-4-4-4-12 hexadecimal digits"};
             uuid += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -308,7 +333,8 @@ private:
         for (const auto& [name, value] : attributes.values) {
             bool ok = false;
             for (const char* a : allowed) ok = ok || name == a;
-            if (!ok) throw Fault{attributes.places.at(name), "'" + name + "' does not apply to " + what};
+            if (!ok)
+                throw Fault{attributes.places.at(name), "'" + name + "' does not apply to " + what};
         }
     }
     std::string Need(const Attributes& attributes, const char* name, const std::string& what,
@@ -373,7 +399,8 @@ private:
             m_defs.interfaces.push_back(x);
             return;
         }
-        if (!IsPunct(':')) throw Fault{m_token.place, "interface '" + x.name + "' must name its base"};
+        if (!IsPunct(':'))
+            throw Fault{m_token.place, "interface '" + x.name + "' must name its base"};
         Next();
         const Place basePlace = m_token.place;
         x.base = Identifier("a base interface");
@@ -399,6 +426,7 @@ private:
         Method method;
         method.place = m_token.place;
         method.name = Identifier("a method name");
+        CheckName(method.name, method.place);
         for (const Method& m : earlier)
             if (m.name == method.name)
                 throw Fault{method.place, "method '" + method.name + "' is declared twice"};
@@ -423,9 +451,12 @@ private:
                 Next();
                 const Place place = m_token.place;
                 const std::string attribute = Identifier("a parameter attribute");
-                if (attribute == "in") param.in = true;
-                else if (attribute == "out") param.out = true;
-                else if (attribute == "retval") param.retval = true;
+                if (attribute == "in")
+                    param.in = true;
+                else if (attribute == "out")
+                    param.out = true;
+                else if (attribute == "retval")
+                    param.retval = true;
                 else if (attribute == "iid_is") {
                     Expect('(');
                     param.iidIs = Identifier("a parameter name");
@@ -440,6 +471,7 @@ private:
         param.type = ParseType();
         const Place namePlace = m_token.place;
         param.name = Identifier("a parameter name");
+        CheckName(param.name, namePlace);
         for (const Param& p : method.params)
             if (p.name == param.name)
                 throw Fault{namePlace, "parameter '" + param.name + "' is declared twice"};
@@ -473,9 +505,11 @@ private:
                 throw Fault{p.place, "retval is for the last parameter, [out] only"};
             if (t == "void") {
                 if (p.type.pointers != 2 || !p.out || p.in || p.iidIs.empty())
-                    throw Fault{p.type.place, "void is only written void** with [out, iid_is(...)]"};
+                    throw Fault{p.type.place,
+                                "void is only written void** with [out, iid_is(...)]"};
                 const Param* iid = nullptr;
-                for (const Param& q : method.params) if (q.name == p.iidIs) iid = &q;
+                for (const Param& q : method.params)
+                    if (q.name == p.iidIs) iid = &q;
                 if (!iid || iid->type.name != "GUID" || iid->type.pointers != 0)
                     throw Fault{p.place, "iid_is names a GUID parameter of the same method"};
                 continue;
@@ -488,10 +522,10 @@ private:
             const int wanted = base + (p.out ? 1 : 0);
             if (p.type.pointers != wanted) {
                 if (p.out)
-                    throw Fault{p.type.place, what + " is [out]: write its type as " +
-                                                  t + std::string(wanted, '*')};
-                throw Fault{p.type.place, what + " is [in]: write its type as " + t +
-                                              std::string(wanted, '*')};
+                    throw Fault{p.type.place, what + " is [out]: write its type as " + t +
+                                                  std::string(wanted, '*')};
+                throw Fault{p.type.place,
+                            what + " is [in]: write its type as " + t + std::string(wanted, '*')};
             }
         }
     }
@@ -540,8 +574,10 @@ private:
         Expect('{');
         while (!IsPunct('}')) {
             StatusCode code;
-            if (IsWord("success")) code.success = true;
-            else if (!IsWord("error")) Expected("'success', 'error' or '}'");
+            if (IsWord("success"))
+                code.success = true;
+            else if (!IsWord("error"))
+                Expected("'success', 'error' or '}'");
             Next();
             const Place at = m_token.place;
             code.name = Identifier("a status name");
@@ -605,11 +641,14 @@ private:
             const std::string& t = member.type.name;
             const int wanted = KindOf(t) == "interface" ? 1 : 0;
             if (t == "void" || t == "wstring" || member.type.pointers != wanted)
-                throw Fault{member.type.place, "a struct member is a value or an interface pointer"};
+                throw Fault{member.type.place,
+                            "a struct member is a value or an interface pointer"};
             const Place at = m_token.place;
             member.name = Identifier("a member name");
+            CheckName(member.name, at);
             for (const Member& m : s.members)
-                if (m.name == member.name) throw Fault{at, "member '" + member.name + "' is declared twice"};
+                if (m.name == member.name)
+                    throw Fault{at, "member '" + member.name + "' is declared twice"};
             Expect(';');
             s.members.push_back(member);
         }
@@ -641,8 +680,11 @@ private:
         } else if (IsIntegerType(t)) {
             const bool isUnsigned = t[0] == 'u';
             const int bits = std::atoi(t.c_str() + (isUnsigned ? 4 : 3));
-            const int64_t high = bits == 64 ? INT64_MAX : (int64_t{1} << (bits - (isUnsigned ? 0 : 1))) - 1;
-            const int64_t low = isUnsigned ? 0 : bits == 64 ? INT64_MIN : -(int64_t{1} << (bits - 1));
+            const int64_t high =
+                bits == 64 ? INT64_MAX : (int64_t{1} << (bits - (isUnsigned ? 0 : 1))) - 1;
+            const int64_t low = isUnsigned   ? 0
+                                : bits == 64 ? INT64_MIN
+                                             : -(int64_t{1} << (bits - 1));
             c.value = std::to_string(Integer(low, high, "value"));
         } else {
             if (m_token.kind != Kind::Number) Expected("a number");

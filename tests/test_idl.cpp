@@ -162,7 +162,7 @@ TEST(IdlErrors, MalformedDefinitionsAreRefusedWithMessageAndPlace) {
         {kUuid + "interface I : COM_IUnknown { HRESULT F([in] int32 new); };", 3, 51,
          "'new' is a C++ keyword"},
         {kUuid + "interface COM_IErrorInfo : COM_IUnknown {};", 3, 11,
-         "'COM_IErrorInfo' is already declared as a interface"},
+         "'COM_IErrorInfo' is already declared as an interface"},
         {kUuid + "interface I : COM_IUnknown {};\n[uuid(6b0c3f52-1d7e-4f3a-9c2b-0a1b2c3d4e5f)] "
                  "interface J;",
          4, 2, "uuid 6B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F already identifies 'I'"},

@@ -1,6 +1,7 @@
 // The C++ header of a definition: declarations in the order written, so that
 // each interface's methods are its slots in order, then the tables of type
 // information, class registration and status texts.
+#include <cctype>
 #include <cstdio>
 #include <sstream>
 
@@ -8,10 +9,6 @@
 
 namespace idl {
 namespace {
-
-const Interface* FindOwnOrImported(const Definitions& defs, const std::string& name) {
-    return FindInterface(defs, name);
-}
 
 bool IsStruct(const Definitions& defs, const std::string& name) {
     for (const Struct& s : defs.structs)
@@ -29,20 +26,18 @@ std::string ValueType(const Definitions& defs, const std::string& name) {
     if (name == "float" || name == "double" || name == "HRESULT") return name;
     if (name == "BSTR") return "wchar_t*";
     if (name == "GUID") return "COM_GUID";
-    if (name == "void") return "void";
     if (IsIntegerType(name)) return name + "_t";
-    if (FindOwnOrImported(defs, name)) return name + "*";
+    if (FindInterface(defs, name)) return name + "*";
     return name;  // an enum or a struct
 }
 
 std::string ParamType(const Definitions& defs, const Param& p) {
     const std::string& t = p.type.name;
-    const bool isInterface = FindOwnOrImported(defs, t) != nullptr;
     if (t == "void") return "void**";
     if (p.out) return ValueType(defs, t) + "*";
     if (t == "wstring") return "const wchar_t*";
     if (t == "GUID") return "const COM_GUID&";
-    if (!isInterface && IsStruct(defs, t)) return "const " + t + "&";
+    if (IsStruct(defs, t)) return "const " + t + "&";
     return ValueType(defs, t);
 }
 

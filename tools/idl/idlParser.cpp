@@ -239,7 +239,9 @@ private:
         CheckName(name, place);
         if (kBuiltins.count(name)) throw Fault{place, "'" + name + "' is a built-in type"};
         const std::string kind = KindOf(name);
-        if (!kind.empty()) throw Fault{place, "'" + name + "' is already declared as a " + kind};
+        if (kind.empty()) return;
+        const char* article = std::string("aeiou").find(kind[0]) != std::string::npos ? "an " : "a ";
+        throw Fault{place, "'" + name + "' is already declared as " + article + kind};
     }
     void ClaimUuid(const std::string& uuid, const Place& place) {
         for (const Definitions* d : Scopes()) {

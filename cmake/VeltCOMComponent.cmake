@@ -3,7 +3,8 @@
 # Builds the component library lib<name>.so against VeltCOM::veltcom:
 # hidden visibility for everything, inline functions included, and a linker
 # version script that lets only the four entry points (GetClassObject,
-# CanUnloadNow, DllRegisterServer, DllUnregisterServer) leave the library.
+# CanUnloadNow, DllRegisterServer, DllUnregisterServer) and, for a component
+# built from a definition, GetTypeLibrary leave the library.
 # Undefined symbols fail the link rather than the first load.
 #
 # The sources see VELTCOM_COMPONENT_FILE, the library's file name as a

@@ -53,14 +53,14 @@ const size_t kPathBufferSize = 4097;
 using RegistryPtr = utlAutoIf<COM_IRegistry, &COM_IID_IRegistry>;
 using ErrorInfoPtr = utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo>;
 
-// Makes a new error-information object with the activation location and the
-// given description current. A failure to make it is ignored: the caller's
-// status is reported all the same.
-void SetActivationError(const std::wstring& description) {
+// Makes a new error-information object with the given location and
+// description current. A failure to make it is ignored: the caller's status
+// is reported all the same.
+void SetErrorAt(const wchar_t* where, const std::wstring& description) {
     ErrorInfoPtr info;
     if (FAILED(COM_CreateErrorInfo(info.Out()))) return;
     std::wstring text = description;
-    std::wstring location = kErrorLocation;
+    std::wstring location = where;
     info->SetDescription(&text[0]);
     info->SetLocation(&location[0]);
     COM_SetErrorInfo(info);
@@ -68,18 +68,18 @@ void SetActivationError(const std::wstring& description) {
 
 void SetClassNotAvailableError(const COM_GUID& clsid) {
     wchar_t* text = nullptr;
-    if (SUCCEEDED(COM_CLSIDToString(clsid, &text))) SetActivationError(text);
+    if (SUCCEEDED(COM_CLSIDToString(clsid, &text))) SetErrorAt(kErrorLocation, text);
     COM_SysFreeString(text);
 }
 
 // Reports a library that could not be loaded. The description names the path
 // that was opened, since the registered name may point elsewhere; the
 // loader's own text usually starts with it already.
-void SetLoadError(const std::string& path, std::string description) {
+void SetLoadError(const wchar_t* where, const std::string& path, std::string description) {
     if (description.compare(0, path.size() + 1, path + ":") != 0)
         description = path + ": " + description;
     try {
-        SetActivationError(a2wStr(description.c_str(), description.size(), 0));
+        SetErrorAt(where, a2wStr(description.c_str(), description.size(), 0));
     } catch (const std::bad_alloc&) {
         // A text the locale cannot convert leaves no error information; the
         // load failure is reported all the same.
@@ -98,27 +98,9 @@ const char* BaseName(const std::string& name) {
 // library at once get the one entry remembered first.
 PFNGETCLASSOBJECT LoadLibrary(const RegString& name, HRESULT& hr) {
     hr = CO_E_DLLNOTFOUND;
-    const std::string narrow = NarrowWide(WidenUtf16(name.data(), name.size()).c_str());
-    char path[kPathBufferSize];
-    int length = std::snprintf(path, sizeof path, "./%s", BaseName(narrow));
-    if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
-        SetLoadError(std::string("./") + BaseName(narrow), "library name too long");
-        return nullptr;
-    }
-    // A library's constructors run as soon as it is opened: refuse first.
-    const std::string refusal = LibraryRefusal(path);
-    if (!refusal.empty()) {
-        SetLoadError(path, "refused, " + refusal +
-                               " (VELTCOM_ALLOW_INSECURE_LIBRARIES=1 loads it anyway)");
-        return nullptr;
-    }
-    void* handle = dlopen(path, RTLD_LAZY | RTLD_GLOBAL);
-    if (!handle) {
-        // The loader's text, as much of it as its 256-byte buffer held.
-        const char* text = dlerror();
-        SetLoadError(path, std::string(text ? text : "").substr(0, 256));
-        return nullptr;
-    }
+    void* handle = OpenComponentLibrary(NarrowWide(WidenUtf16(name.data(), name.size()).c_str()),
+                                        kErrorLocation);
+    if (!handle) return nullptr;
     void* getClassObject = OwnSymbol(handle, "GetClassObject");
     void* canUnloadNow = OwnSymbol(handle, "CanUnloadNow");
     if (!getClassObject || !canUnloadNow) {
@@ -162,6 +144,29 @@ bool Escaped(const wchar_t* name, RegString& escaped) {
 }
 
 }  // namespace
+
+void* OpenComponentLibrary(const std::string& name, const wchar_t* location) {
+    char path[kPathBufferSize];
+    int length = std::snprintf(path, sizeof path, "./%s", BaseName(name));
+    if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
+        SetLoadError(location, std::string("./") + BaseName(name), "library name too long");
+        return nullptr;
+    }
+    // A library's constructors run as soon as it is opened: refuse first.
+    const std::string refusal = LibraryRefusal(path);
+    if (!refusal.empty()) {
+        SetLoadError(location, path,
+                     "refused, " + refusal + " (VELTCOM_ALLOW_INSECURE_LIBRARIES=1 loads it anyway)");
+        return nullptr;
+    }
+    void* handle = dlopen(path, RTLD_LAZY | RTLD_GLOBAL);
+    if (!handle) {
+        // The loader's text, as much of it as its 256-byte buffer held.
+        const char* text = dlerror();
+        SetLoadError(location, path, std::string(text ? text : "").substr(0, 256));
+    }
+    return handle;
+}
 
 const COM_OBJMAP_ENTRY s_com_object_mapZarvoCOM[] = {
     COM_OBJECT_ENTRY(COM_CLSID_Registry, CXMLRegistry)

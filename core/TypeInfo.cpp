@@ -159,16 +159,6 @@ HRESULT RecordedLibrary(const COM_GUID& iid, std::wstring& library) {
     return S_OK;
 }
 
-// Opens the library as activation does: by base name from the working
-// directory, refused when another user could have written it. No lock of the
-// runtime is held.
-void* OpenLibrary(const std::wstring& library) {
-    std::string path = NarrowWide(library.c_str());
-    path = "./" + path.substr(path.rfind('/') + 1);
-    if (!LibraryRefusal(path.c_str()).empty()) return nullptr;
-    return dlopen(path.c_str(), RTLD_LAZY | RTLD_GLOBAL);
-}
-
 }  // namespace
 
 bool UpdateTypeLibraryRegistration(COM_CComModule& module, int reg, bool removeAllowed) {
@@ -207,7 +197,8 @@ HRESULT COM_GetTypeInfo(const COM_GUID& iid, COM_ITypeInfo** out) {
         std::wstring library;
         HRESULT hr = RecordedLibrary(iid, library);
         if (FAILED(hr)) return hr;
-        void* handle = OpenLibrary(library);
+        void* handle =
+            OpenComponentLibrary(NarrowWide(library.c_str()), L"JCOM_API:COM_GetTypeInfo");
         if (!handle) return CO_E_DLLNOTFOUND;
         const COM_TYPELIBRARY* types = TypeLibraryOf(handle);
         if (!types) return CO_E_ERRORINDLL;

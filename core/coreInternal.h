@@ -30,6 +30,12 @@ public:
     static HRESULT MkParseName(wchar_t* name, unsigned long* eaten, COM_IMoniker** moniker);
 };
 
+// Opens a component library as activation does: by its base name from the
+// working directory, refused when another user could have written it, with
+// no lock of the runtime held. Null when it cannot be opened, with error
+// information at `location` saying why.
+void* OpenComponentLibrary(const std::string& name, const wchar_t* location);
+
 // The binder of "hresult:" names: creates the decoder registered for a
 // facility under Moniker\hresult.
 class CHResultDecoderBinder : public COM_IMoniker,

@@ -61,6 +61,17 @@ TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent
     // Another identifier pointed at the library: its tables do not hold it.
     RunOk({"reg", "set", "1", "Interface\\" + Text(COM_IID_IMemory), "Library", "libtestidl.so"});
     EXPECT_EQ(COM_GetTypeInfo(COM_IID_IMemory, &none), E_NOINTERFACE);
+    // A library that is not there is reported as activation reports it.
+    RunOk({"reg", "set", "1", "Interface\\" + Text(COM_IID_IMemory), "Library", "libmissing.so"});
+    COM_ClearErrorInfo();
+    EXPECT_EQ(COM_GetTypeInfo(COM_IID_IMemory, &none), CO_E_DLLNOTFOUND);
+    utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo> error;
+    ASSERT_EQ(COM_GetErrorInfo(error.Out()), S_OK);
+    wchar_t* text = nullptr;
+    ASSERT_EQ(error->GetLocation(&text), S_OK);
+    EXPECT_EQ(Take(text), L"JCOM_API:COM_GetTypeInfo");
+    ASSERT_EQ(error->GetDescription(&text), S_OK);
+    EXPECT_EQ(Take(text).rfind(L"./libmissing.so: ", 0), 0u);
     RunOk({"reg", "delete", "1", "Interface\\" + Text(COM_IID_IMemory)});
 
     // The tool shows what the object answers, base interfaces included.

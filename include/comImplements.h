@@ -81,25 +81,10 @@ public:
         AddRef();
         return S_OK;
     }
-    unsigned long AddRef() override { return InternalAddRef(); }
-    unsigned long Release() override {
-        const unsigned long count = InternalRelease();
-        if (count == 0) delete this;
-        return count;
-    }
+    COM_IMPLEMENT_REFCOUNT()
 
-    // A new object, asked for `iid`; it goes again when the query fails.
     static HRESULT CreateInstance(const COM_GUID& iid, void** out) {
-        if (!out) return E_POINTER;
-        T* object = new (std::nothrow) T;
-        if (!object) {
-            *out = nullptr;
-            return E_OUTOFMEMORY;
-        }
-        object->AddRef();
-        const HRESULT hr = object->QueryInterface(iid, out);
-        object->Release();
-        return hr;
+        return COM_CreateNewObject<T>(iid, out);
     }
 
     static COM_CClassFactory<T> _theClassFactory;

@@ -155,6 +155,22 @@ public:
     }
 };
 
+// A class's default creation: a new T, holding one reference while it is
+// asked for `iid`; when the query fails the object goes again at once.
+template <class T>
+HRESULT COM_CreateNewObject(const COM_GUID& iid, void** out) {
+    if (!out) return E_POINTER;
+    T* object = new (std::nothrow) T;
+    if (!object) {
+        *out = nullptr;
+        return E_OUTOFMEMORY;
+    }
+    object->AddRef();
+    const HRESULT hr = object->QueryInterface(iid, out);
+    object->Release();
+    return hr;
+}
+
 // Binds class T to its class identifier and supplies its factory, its
 // default creation and an empty category map. A class may hide any of them
 // with a static member of its own.
@@ -164,19 +180,8 @@ public:
     static const COM_GUID& GetObjectCLSID() { return *pclsid; }
     static const COM_GUID* const* GetCategoryMap() { return nullptr; }
 
-    // New object, one reference while asking it for `iid`; when the query
-    // fails the object goes again at once.
     static HRESULT CreateInstance(const COM_GUID& iid, void** out) {
-        if (!out) return E_POINTER;
-        T* object = new (std::nothrow) T;
-        if (!object) {
-            *out = nullptr;
-            return E_OUTOFMEMORY;
-        }
-        object->AddRef();
-        HRESULT hr = object->QueryInterface(iid, out);
-        object->Release();
-        return hr;
+        return COM_CreateNewObject<T>(iid, out);
     }
 
     static COM_CClassFactory<T> _theClassFactory;

@@ -123,6 +123,25 @@ constexpr bool IsStrictlySorted() {
 static_assert(IsStrictlySorted(), "the status table must stay sorted for the binary search");
 static_assert(std::size(kStatusMessages) == 78, "the status table has 78 codes");
 
+// FNV-1a over every code and every character of its text, each taken as four
+// bytes. The texts are the runtime's stated messages, which callers compare
+// verbatim: changing, adding or dropping a single character must fail the
+// build; update the digest only when a stated text really changes.
+constexpr uint32_t TableDigest() {
+    uint32_t hash = 2166136261u;
+    auto mix = [&hash](uint32_t word) {
+        for (int shift = 0; shift < 32; shift += 8) hash = (hash ^ ((word >> shift) & 0xFF)) * 16777619u;
+    };
+    for (const StatusMessage& message : kStatusMessages) {
+        mix(message.code);
+        for (wchar_t c : message.text) mix(static_cast<uint32_t>(c));
+        mix(0);
+    }
+    return hash;
+}
+
+static_assert(TableDigest() == 2812215938u, "a stated status text or code changed");
+
 unsigned FacilityOf(uint32_t code) { return (code >> 16) & 0x1FFF; }
 
 unsigned NumberOf(uint32_t code) { return code & 0xFFFF; }

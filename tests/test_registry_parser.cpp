@@ -69,29 +69,14 @@ std::string Serialized(const DOMNode* node) {
 
 }  // namespace
 
-TEST_F(ParserTest, BuildsWhatXercesBuildsForEveryKindOfDocument) {
-    const char* const documents[] = {
-        // As the registry writes it.
-        "<?xml version='1.0' encoding='ISO-8859-1' ?>\n<Software><Quorvane><Version><Classes><CLSID>"
-        "<_0-1_ default = \"A\"><InprocServer32 default = \"liba.so\"/><ProgID default = \"A.1\"/>"
-        "</_0-1_></CLSID><A.1><CLSID default = \"_0-1_\"/></A.1></Classes></Version></Quorvane></Software>",
-        // Hand-edited: blanks, comments, instructions, sections, references.
-        "<a>\n  <b x='1' y=\"&lt;&#9;&#xe9;\" z=''/>\n  <!-- note --><?tool go?>"
-        "<![CDATA[<raw>]]>t&amp;u<c><d/><d/>text</c>\n</a>",
-        "<a b='1' c='2' a='3' B='4'><a b='1'/><a/></a>",
-        "<r>\xe9\xff</r>",
-        // With a document type: default attributes, entities, an external subset.
-        "<!DOCTYPE a [<!ENTITY e 'x<b k=\"v\"/>y'><!ATTLIST b d CDATA 'def' id ID #IMPLIED>]>"
-        "<a><b id='i1'/>&e;<c/></a>",
-        "<!DOCTYPE a SYSTEM 'missing.dtd'><a/>",
-        // Malformed, from the first byte and midway: the same error and partial document.
-        "",
-        "<a><b></a>",
-        "<a x='1' x='2'/>",
-        "<a>&undefined;</a>",
-        "<a/><b/>",
-    };
-    for (const char* document : documents) ExpectSameDocument(document);
+// Documents without a document type are compared by the parser's fuzz target,
+// from its seeds on; here what it cannot reach: the second scanner, the
+// memory of a large document for small ones, and an external subset.
+TEST_F(ParserTest, BuildsWhatXercesBuildsForDocumentsWithADocumentType) {
+    ExpectSameDocument("<!DOCTYPE a [<!ENTITY e 'x<b k=\"v\"/>y'><!ATTLIST b d CDATA 'def' id ID #IMPLIED>]>"
+                       "<a><b id='i1'/>&e;<c/></a>");
+    ExpectSameDocument("<!DOCTYPE a SYSTEM 'missing.dtd'><a/>");
+    ExpectSameDocument("<a><b></a>");
 }
 
 TEST_F(ParserTest, KeepsEveryElementsOwnNameAmongManyNames) {

@@ -1,23 +1,31 @@
 // The registry file under real faults, with real processes: writers killed
 // in the middle of a save, a file-size limit, two writers at once, processes
 // starting while others save, text and paths at their limits, and memory
-// over long runs of changes.
+// over long runs of changes. Then how a long-running process learns of
+// others' changes: a save by any process of the runtime, the veltcom tool
+// among them, is seen at the next Open; a file replaced by other means within
+// a short interval; and at every Open where the lock file cannot hold the
+// save counter. Last, the class and ProgID lookups of every activation.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "testSupport.h"
+#include "shared_tool_support.h"
 
 namespace {
 
@@ -35,26 +43,10 @@ std::string ManyClasses(unsigned count) {
                    ".so\"/><ProgID default = \"Test.Class." + n + "\"/><InstallCount default = \"1\"/></Class" + n +
                    ">";
     }
-    return kDeclaration + "<Software><Quorvane><Version><ApplicationData/><Classes><CLSID>" + classes +
-           "</CLSID><ComponentCategories/><Moniker/></Classes></Version></Quorvane></Software>";
+    return HandMadeRegistry("<CLSID>" + classes + "</CLSID><ComponentCategories/><Moniker/>");
 }
 
-// Runs `body` in a child process, whose exit code is its result. Children
-// report through exit codes alone: a test assertion there would go unseen.
-pid_t Spawn(const std::function<int()>& body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    return pid;
-}
-
-// The child's exit code, or 128 + the signal that ended it.
-int Wait(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-int InChild(const std::function<int()>& body) { return Wait(Spawn(body)); }
+int InChild(const std::function<int()>& body) { return ChildResult(SpawnChild(body)); }
 
 // This process's registry opened at a key; null when that fails.
 RegistryPtr OpenAt(unsigned hive, const wchar_t* path) {
@@ -120,7 +112,7 @@ TEST_F(RegistryDurability, AWriterKilledAtAnyMomentOfASaveLeavesEveryClass) {
     for (int round = 0; round < 20; ++round) {
         int ready[2];
         ASSERT_EQ(pipe(ready), 0);
-        const pid_t writer = Spawn([&] {
+        const pid_t writer = SpawnChild([&] {
             close(ready[0]);
             // Each writer first proves that the file it found is whole.
             if (KeyCount(1, L"CLSID") != kClasses) return 2;
@@ -138,7 +130,7 @@ TEST_F(RegistryDurability, AWriterKilledAtAnyMomentOfASaveLeavesEveryClass) {
         close(ready[0]);
         if (started) usleep(std::uniform_int_distribution<useconds_t>(0, 150000)(random));
         kill(writer, SIGKILL);
-        const int status = Wait(writer);
+        const int status = ChildResult(writer);
         ASSERT_TRUE(started) << "round " << round << ": the file a killed writer left could not be loaded ("
                              << status << ")";
     }
@@ -216,13 +208,13 @@ TEST_F(RegistryDurability, TwoWritersAtOnceLoseNothingAndStartersNeverAbort) {
             return 0;
         };
     };
-    const pid_t first = Spawn(writer(L"first"));
-    const pid_t second = Spawn(writer(L"second"));
+    const pid_t first = SpawnChild(writer(L"first"));
+    const pid_t second = SpawnChild(writer(L"second"));
     int starters = 0;
     for (; starters < 40; ++starters)
         ASSERT_EQ(InChild([&] { return KeyCount(1, L"CLSID") == kClasses ? 0 : 1; }), 0) << "starter " << starters;
-    EXPECT_EQ(Wait(first), 0);
-    EXPECT_EQ(Wait(second), 0);
+    EXPECT_EQ(ChildResult(first), 0);
+    EXPECT_EQ(ChildResult(second), 0);
     EXPECT_EQ(InChild([&] {
         RegistryPtr registry = OpenAt(5, L"");
         if (!registry) return 255;
@@ -378,6 +370,147 @@ TEST_F(RegistryDurability, ASaveKeepsModeOwnerAndLinkAndTheLastDocumentAsBackup)
     EXPECT_TRUE(ReadFile("real/registry.xml.bak") == second) << "the backup is not the document before";
     EXPECT_EQ(Leftovers(PathOf("real")), (std::vector<std::string>{"registry.xml", "registry.xml.bak",
                                                                    "registry.xml.lock"}));
+}
+
+// The runtime trusts its save counter alone for 100 ms; a margin on top.
+const std::chrono::milliseconds kPastTheInterval(150);
+
+// A whole registry file whose ApplicationData\Watch holds `round`.
+std::string FileWithRound(const std::string& round) {
+    return kDeclaration + "<Software><Quorvane><Version><ApplicationData><Watch><item name = \"round\" "
+                          "type = \"string\" value = \"" + round + "\"/></Watch></ApplicationData><Classes>"
+                          "<CLSID/></Classes></Version></Quorvane></Software>";
+}
+
+class RegistryWatch : public ToolTest {
+protected:
+    // ApplicationData\Watch\round as this process reads it after a fresh Open.
+    std::wstring Round() {
+        RegistryPtr registry = OpenAt(5, L"Watch");
+        return registry ? StringAt(registry.Get(), L"round") : L"<no key>";
+    }
+
+    void SetRoundWithTool(const std::string& round) { RunOk({"reg", "set", "appdata", "Watch", "round", round}); }
+
+    // As an editor saves: a new file renamed over the old one.
+    void ReplaceByHand(const std::string& content) {
+        WriteFile("edit.tmp", content);
+        ASSERT_EQ(rename(PathOf("edit.tmp").c_str(), PathOf("Registry.XML").c_str()), 0);
+    }
+
+    // The save counter in the lock file's first eight bytes.
+    uint64_t SaveCount() const {
+        const std::string bytes = ReadFile("Registry.XML.lock");
+        uint64_t count = 0;
+        EXPECT_EQ(bytes.size(), sizeof count);
+        std::memcpy(&count, bytes.data(), std::min(bytes.size(), sizeof count));
+        return count;
+    }
+};
+
+TEST_F(RegistryWatch, SavesOfAnotherProcessAreSeenAtTheNextOpen) {
+    SetRoundWithTool("0");
+    ASSERT_EQ(Round(), L"0");
+    for (int round = 1; round <= 5; ++round) {
+        SetRoundWithTool(std::to_string(round));
+        EXPECT_EQ(Round(), std::to_wstring(round)) << "no sleep between the other process's save and Open";
+    }
+}
+
+TEST_F(RegistryWatch, AFileReplacedByHandIsSeenOnceTheIntervalHasPassed) {
+    SetRoundWithTool("tool");
+    ASSERT_EQ(Round(), L"tool");
+    ReplaceByHand(FileWithRound("by hand"));
+    std::this_thread::sleep_for(kPastTheInterval);
+    EXPECT_EQ(Round(), L"by hand");
+    // The counter still tells of the next save at once.
+    SetRoundWithTool("tool again");
+    EXPECT_EQ(Round(), L"tool again");
+}
+
+// A lock file that cannot hold the counter (here a directory) leaves every
+// Open to look at the file itself, so even a hand edit is seen at once.
+TEST_F(RegistryWatch, WithoutACounterEveryOpenLooksAtTheFile) {
+    ASSERT_EQ(mkdir(PathOf("Registry.XML.lock").c_str(), 0755), 0);
+    WriteFile("Registry.XML", FileWithRound("first"));
+    ASSERT_EQ(Round(), L"first");
+    for (const char* round : {"second", "third"}) {
+        ReplaceByHand(FileWithRound(round));
+        EXPECT_EQ(Round(), std::wstring(round, round + std::strlen(round)));
+    }
+}
+
+// Saves by this process and a restore by the tool each count once; the
+// restored file is read at the next Open.
+TEST_F(RegistryWatch, EverySaveAndRestoreCountsOnceAndARestoreIsSeenAtTheNextOpen) {
+    WriteFile("Registry.XML", FileWithRound("backed up"));
+    ASSERT_EQ(Round(), L"backed up");
+    const uint64_t before = SaveCount();
+    RegistryPtr registry = Registry();
+    ASSERT_EQ(registry->Open(5, L"Watch"), S_OK);
+    ASSERT_EQ(registry->SetValueString(L"round", L"saved"), S_OK);
+    EXPECT_EQ(SaveCount(), before + 1);
+    ASSERT_EQ(Round(), L"saved");
+
+    WriteFile("Registry.XML", kDeclaration + "<Software><Quorvane>");
+    const ToolRun restore = Run({"check", "--restore"});
+    ASSERT_EQ(restore.exitCode, 0) << restore;
+    EXPECT_EQ(SaveCount(), before + 2);
+    EXPECT_EQ(Round(), L"backed up");
+}
+
+const COM_GUID kFirst = {0x0123ABCD, 0x1111, 0x2222, {0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA}};
+const COM_GUID kSentinel = {0xDEADBEEF, 0xDEAD, 0xBEEF, {1, 2, 3, 4, 5, 6, 7, 8}};
+
+class ClassLookups : public TempDirTest {};
+
+// ProgIDs are looked up as Open(1, progId) and OpenKey("CLSID") would find
+// them: spaces stand for underscores, backslashes descend; the identifier
+// text reads in either case. A failure leaves the identifier untouched.
+TEST_F(ClassLookups, ProgIdsAreFoundAsTheRegistryWalkFindsThem) {
+    const std::string first = Text(kFirst);
+    std::string lower = first;
+    for (char& c : lower) c = static_cast<char>(std::tolower(c));
+    WriteFile("Registry.XML",
+              HandMadeRegistry("<CLSID/><My_Prog><CLSID default = \"" + first + "\"/></My_Prog>"
+                               "<Vendor><Sub><CLSID default = \"" + lower + "\"/></Sub></Vendor>"
+                               "<Bad><CLSID default = \"not an identifier\"/></Bad>"
+                               "<NoDefault><CLSID><item name = \"x\" type = \"string\" value = \"" + first +
+                               "\"/></CLSID></NoDefault>"));
+    const struct {
+        const wchar_t* progId;
+        HRESULT expected;
+    } cases[] = {
+        {L"My Prog", S_OK},      {L"My_Prog", S_OK},   {L"Vendor\\Sub", S_OK},
+        {L"Bad", CLASS_E_CLASSNOTAVAILABLE},           {L"NoDefault", CLASS_E_CLASSNOTAVAILABLE},
+        {L"", CLASS_E_CLASSNOTAVAILABLE},              {L"Vendor\\", CLASS_E_CLASSNOTAVAILABLE},
+        {L"Missing", CLASS_E_CLASSNOTAVAILABLE},
+    };
+    for (const auto& c : cases) {
+        std::wstring progId = c.progId;
+        COM_GUID clsid = kSentinel;
+        EXPECT_EQ(COM_GetCLSIDFromProgID(&progId[0], &clsid), c.expected) << progId;
+        EXPECT_TRUE(clsid == (c.expected == S_OK ? kFirst : kSentinel)) << progId;
+    }
+}
+
+// A lookup walks the calling thread's current key like the calls it stands
+// for: closed after a success, left where the walk stopped after a failure.
+TEST_F(ClassLookups, ALookupLeavesTheThreadsCurrentKeyAsItsWalkDoes) {
+    WriteFile("Registry.XML",
+              HandMadeRegistry("<CLSID><" + Text(kFirst) + "><ProgID default = \"First\"/></" + Text(kFirst) +
+                               "></CLSID>"));
+    RegistryPtr registry = Registry();
+    ASSERT_EQ(registry->Open(5, L""), S_OK);
+    wchar_t* value = Unwritten<wchar_t>();
+    ASSERT_EQ(COM_GetProgIDFromClsid(kFirst, &value), S_OK);
+    EXPECT_EQ(Take(value), L"First");
+    EXPECT_EQ(registry->GetValueString(L"", nullptr), REGDB_E_KEYMISSING) << "closed";
+
+    value = Unwritten<wchar_t>();
+    EXPECT_EQ(COM_GetDisplayNameFromClsid(kFirst, &value), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(value, Unwritten<wchar_t>());
+    EXPECT_EQ(registry->OpenKey(L"ProgID"), S_OK) << "still at the class key";
 }
 
 }  // namespace

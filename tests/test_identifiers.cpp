@@ -29,19 +29,10 @@ TEST(IdentifierText, WritesUnderscoresAndALowerCaseThirdGroupAndReadsAnyCase) {
     }
 }
 
-// Malformed text, null arguments and generation, which is not supported,
-// leave the output alone.
-TEST(IdentifierText, MalformedTextAndNullArgumentsAreRejectedAndLeaveTheOutputAlone) {
-    for (const wchar_t* text : {L"{0123ABCD-ABCD-abcd-0123-456789ABCDEF}",
-                                L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF}",
-                                L"_0123ABCD_ABCD-abcd-0123-456789ABCDEF_",
-                                L"_0123ABCD-ABCD-abcd-0123456789ABCDEF_",
-                                L"_0123ABCG-ABCD-abcd-0123-456789ABCDEF_",
-                                L"_0123ABCD-ABCD-abcd-0123-456789ABCD", L"_0123", L"", L"_"}) {
-        COM_GUID id = kSentinel;
-        EXPECT_EQ(COM_StringToCLSID(text, &id), E_INVALIDARG) << text;
-        EXPECT_TRUE(id == kSentinel) << text;
-    }
+// Malformed text is refused with E_INVALIDARG and leaves the identifier
+// alone in the identifier fuzz target, whose seeds hold one of each kind;
+// here null arguments and generation, which is not supported.
+TEST(IdentifierText, NullArgumentsAndGenerationAreRejectedAndLeaveTheOutputAlone) {
     COM_GUID id = kSentinel;
     EXPECT_EQ(COM_StringToCLSID(L"_0123ABCD-ABCD-abcd-0123-456789ABCDEF_", nullptr), E_POINTER);
     EXPECT_EQ(COM_StringToCLSID(nullptr, &id), E_POINTER);

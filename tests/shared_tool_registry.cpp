@@ -25,17 +25,16 @@ TEST_F(ToolReg, SetMakesMissingKeysAndQueryShowsTheTree) {
     run = RunOk({"reg", "query", "user", "My Key"});
     EXPECT_EQ(run.out, "My_Key\n    (default) = \"top\"\n    Sub\n        name = \"value\"\n"
                        "        count = 4294967295 (dword)\n");
-    EXPECT_EQ(Run({"reg", "query", "2", "My_Key"}).out, run.out) << "hive numbers and names";
-    const std::string json = RunJson({"reg", "query", "user"});
-    EXPECT_TRUE(Contains(json, R"("hiveNumber":2,)")) << json;
-    EXPECT_TRUE(Contains(json, R"({"name":"Sub","values":[{"name":"name","type":"string","data":)"
-                               R"("value"},{"name":"count","type":"dword","data":"4294967295"}])"))
-        << json;
-
-    // A missing key, and the system hive the default document lacks.
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {"reg", "query", "classes", "CLSID\\Nothing"}, {"reg", "query", "system"}})
-        EXPECT_TRUE(Failed(Run(args), 1, "0x80040152", "Key is missing from the registry"));
+    Expect({
+        {{"reg", "query", "2", "My_Key"}, 0, {run.out}},  // hive numbers and names
+        {{"reg", "query", "user", "--json"}, 0,
+         {R"("hiveNumber":2,)", R"({"name":"Sub","values":[{"name":"name","type":"string","data":)"
+                                R"("value"},{"name":"count","type":"dword","data":"4294967295"}])"}},
+        // A missing key, and the system hive the default document lacks.
+        {{"reg", "query", "classes", "CLSID\\Nothing"}, 1, {},
+         {"0x80040152", "Key is missing from the registry"}},
+        {{"reg", "query", "system"}, 1, {}, {"0x80040152", "Key is missing from the registry"}},
+    });
 }
 
 TEST_F(ToolReg, DeleteRemovesOneValueOrAWholeKey) {
@@ -43,17 +42,13 @@ TEST_F(ToolReg, DeleteRemovesOneValueOrAWholeKey) {
     RunOk({"reg", "set", "appdata", "A\\B", "y", "2"});
     RunOk({"reg", "set", "appdata", "A", "", "d"});
 
-    RunOk({"reg", "delete", "appdata", "A\\B", "x"});
-    EXPECT_FALSE(Contains(RegistryFile(), "name = \"x\""));
-    EXPECT_TRUE(Contains(RegistryFile(), "name = \"y\""));
-    EXPECT_TRUE(
-        Failed(Run({"reg", "delete", "appdata", "A\\B", "x"}), 1, "0x80040153", "no value x"));
-
-    RunOk({"reg", "delete", "appdata", "A", ""});
-    EXPECT_FALSE(Contains(RegistryFile(), "default = \"d\""));
-    RunOk({"reg", "delete", "appdata", "A"});
+    Expect({{{"reg", "delete", "appdata", "A\\B", "x"}, 0, {}},
+            {{"reg", "delete", "appdata", "A\\B", "x"}, 1, {}, {"0x80040153", "no value x"}},
+            {{"reg", "delete", "appdata", "A", ""}, 0, {}}});
+    EXPECT_TRUE(Contains(RegistryFile(), "<A><B><item name = \"y\"")) << RegistryFile();
+    Expect({{{"reg", "delete", "appdata", "A"}, 0, {}},
+            {{"reg", "delete", "appdata", "A"}, 1, {}, {"0x80040152"}}});
     EXPECT_TRUE(Contains(RegistryFile(), "<ApplicationData/>")) << RegistryFile();
-    EXPECT_TRUE(Failed(Run({"reg", "delete", "appdata", "A"}), 1, "0x80040152"));
 }
 
 TEST_F(ToolReg, ExportWritesTheSubtreeInTheRegistryFilesForm) {
@@ -67,9 +62,8 @@ TEST_F(ToolReg, ExportWritesTheSubtreeInTheRegistryFilesForm) {
               "  <K default=\"d&lt;1&gt;\">\n"
               "    <item name=\"v\" type=\"string\" value=\"a&amp;b &quot;c&quot;\"/>\n"
               "    <Empty/>\n  </K>\n</export>\n");
-    const std::string json = RunJson({"reg", "export", "user", "K"});
-    EXPECT_TRUE(Contains(json, R"("data":"d<1>")")) << json;
-    EXPECT_TRUE(Contains(json, R"("data":"a&b \"c\"")")) << json;
+    Expect({{{"reg", "export", "user", "K", "--json"}, 0,
+             {R"("data":"d<1>")", R"("data":"a&b \"c\"")"}}});
 }
 
 TEST_F(ToolReg, TextTheFileCannotHoldIsRefusedBeforeAnyChange) {

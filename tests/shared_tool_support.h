@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "testComponents.h"
@@ -58,6 +59,7 @@ inline ::testing::AssertionResult Failed(const ToolRun& run, int exitCode, const
 class ToolTest : public ComponentTest {
 protected:
     // Runs the tool, each argument quoted for the shell, which it replaces.
+    // With --json last, its output must be one strict-JSON object in UTF-8.
     ToolRun Run(const std::vector<std::string>& args) {
         std::string command = "exec '" VELTCOM_TOOL_PATH "'";
         for (const std::string& arg : args) {
@@ -68,8 +70,16 @@ protected:
         }
         const int status = std::system(
             (command + " >'" + PathOf(".out") + "' 2>'" + PathOf(".err") + "'").c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-                WIFSIGNALED(status) ? WTERMSIG(status) : 0, ReadFile(".out"), ReadFile(".err")};
+        const ToolRun run = {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+                             WIFSIGNALED(status) ? WTERMSIG(status) : 0, ReadFile(".out"),
+                             ReadFile(".err")};
+        const std::string parse = "python3 -c 'import json,sys; assert type(json.loads("
+                                  "sys.stdin.buffer.read().decode())) is dict' <'" +
+                                  PathOf(".out") + "'";
+        if (!args.empty() && args.back() == "--json") {
+            EXPECT_EQ(std::system(parse.c_str()), 0) << "not one JSON object: " << args[0] << run;
+        }
+        return run;
     }
 
     // Runs the tool, which must succeed without a word on stderr.
@@ -79,17 +89,39 @@ protected:
         return run;
     }
 
-    // Runs the tool with --json; its output must be one strict-JSON object in
-    // UTF-8. Returns the raw JSON text for substring checks.
+    // Runs the tool with --json and returns the JSON text.
     std::string RunJson(std::vector<std::string> args, int expectedExit = 0) {
         args.push_back("--json");
         const ToolRun run = Run(args);
         EXPECT_EQ(run.exitCode, expectedExit) << args[0] << run;
-        const std::string parse = "python3 -c 'import json,sys; assert type(json.loads("
-                                  "sys.stdin.buffer.read().decode())) is dict' <'" +
-                                  PathOf(".out") + "'";
-        EXPECT_EQ(std::system(parse.c_str()), 0) << "not one JSON object: " << args[0] << run;
         return run.out;
+    }
+
+    // One command line and what it must give: its exit status, and fragments
+    // of stdout and of stderr. A failure writes one line, "veltcom: ...",
+    // holding every stderr fragment; a success writes nothing there, and a
+    // failure with no stdout fragments nothing on stdout.
+    struct Case {
+        Case(std::vector<std::string> a, int code, std::vector<std::string> o = {},
+             std::vector<std::string> e = {})
+            : args(std::move(a)), exitCode(code), out(std::move(o)), err(std::move(e)) {}
+        std::vector<std::string> args;
+        int exitCode;
+        std::vector<std::string> out, err;
+    };
+
+    void Expect(const std::vector<Case>& cases) {
+        for (const Case& c : cases) {
+            const ToolRun run = Run(c.args);
+            const std::string where = ::testing::PrintToString(c.args);
+            EXPECT_EQ(run.exitCode, c.exitCode) << where << run;
+            for (const std::string& fragment : c.out)
+                EXPECT_TRUE(Contains(run.out, fragment)) << where << ": " << fragment << "\n" << run;
+            EXPECT_TRUE(c.exitCode != 0 || run.err.empty()) << where << run;
+            EXPECT_TRUE(c.exitCode == 0 || !c.out.empty() || run.out.empty()) << where << run;
+            for (const std::string& fragment : c.err)
+                EXPECT_TRUE(Failed(run, c.exitCode, fragment)) << where;
+        }
     }
 
     // Copies the component into the directory, where activation finds it, and

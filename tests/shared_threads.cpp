@@ -5,14 +5,11 @@
 // race fails the test.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -214,9 +211,10 @@ TEST_F(ThreadStress, ServicesOneObjectPerKey) {
     }
 }
 
-TEST_F(ThreadStress, DecodeStatuses) {
-    // Built-in table texts and the system's own texts, expected as one
-    // thread sees them.
+// Flat functions: system strings, task memory, identifier text and status
+// decoding, the last from the built-in table and the system's own texts,
+// expected as one thread sees them.
+TEST_F(ThreadStress, FlatFunctions) {
     const std::vector<uint32_t> codes = {0x00000000, 0x00000001, 0x80004001, 0x80630001,
                                          0x80620002, 0x8062000D, 0x80620016, 0x8062FFFF,
                                          0x8007000E};
@@ -232,16 +230,10 @@ TEST_F(ThreadStress, DecodeStatuses) {
     RunTogether(Copies(6, [&](int thread) {
         for (int round = 0; round < kRounds; ++round) {
             const size_t i = (round + thread) % codes.size();
-            wchar_t* text = nullptr;
-            EXPECT_EQ(COM_DecodeHRESULT(static_cast<int>(codes[i]), 0, &text), expected[i].first);
-            EXPECT_EQ(Take(text), expected[i].second) << std::hex << codes[i];
-        }
-    }));
-}
+            wchar_t* decoded = nullptr;
+            EXPECT_EQ(COM_DecodeHRESULT(static_cast<int>(codes[i]), 0, &decoded), expected[i].first);
+            EXPECT_EQ(Take(decoded), expected[i].second) << std::hex << codes[i];
 
-TEST_F(ThreadStress, SystemStringsAndTaskMemory) {
-    RunTogether(Copies(6, [](int thread) {
-        for (int round = 0; round < kRounds; ++round) {
             const std::wstring text = L"thread " + std::to_wstring(thread) + L" round " +
                                       std::to_wstring(round);
             wchar_t* s = COM_SysAllocString(text.c_str());
@@ -363,7 +355,8 @@ TEST_F(ThreadStress, FirstLoadRacesLoadOnce) {
 // A plug-in whose constructor activates a registered class, opened by one
 // thread while another activates a class of a library not loaded yet: the
 // loader's lock and the runtime's are taken in opposite orders, and neither
-// thread may wait for the other. Run in a child, which a deadlock would hang.
+// thread may wait for the other. Run in a child, which an alarm ends if a
+// deadlock hangs it.
 TEST_F(ThreadStress, PluginConstructorActivatesBesideAFirstLoad) {
     CopyComponent(COMPONENT_testcounter);
     CopyComponent(COMPONENT_testcategories);
@@ -377,8 +370,8 @@ TEST_F(ThreadStress, PluginConstructorActivatesBesideAFirstLoad) {
         ASSERT_EQ(registry->SetValueString(L"", library), S_OK);
     }
 
-    const pid_t child = fork();
-    if (child == 0) {
+    const pid_t child = SpawnChild([] {
+        alarm(30);
         std::thread plugin([] {
             if (!dlopen("./libtestplugin.so", RTLD_NOW)) _exit(2);
         });
@@ -388,21 +381,9 @@ TEST_F(ThreadStress, PluginConstructorActivatesBesideAFirstLoad) {
         const HRESULT hr = COM_CreateInstance(CLSID_CatWidget, nullptr, COM_IID_IUnknown,
                                               widget.OutVoid());
         plugin.join();
-        _exit(SUCCEEDED(hr) ? 0 : 3);
-    }
-    ASSERT_GT(child, 0);
-    int status = -1;
-    pid_t done = 0;
-    for (int waited = 0; waited < 300 && done == 0; ++waited) {
-        done = waitpid(child, &status, WNOHANG);
-        if (done == 0) usleep(100 * 1000);
-    }
-    if (done == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
-        FAIL() << "the two activations deadlocked";
-    }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+        return SUCCEEDED(hr) ? 0 : 3;
+    });
+    EXPECT_EQ(ChildResult(child), 0) << "128 + SIGALRM: the two activations deadlocked";
 }
 
 // Readers walk to values with their own Open / OpenKey / GetValueString /
@@ -452,20 +433,16 @@ TEST_F(ThreadStress, ProgIdLookupsAndRegistryWalks) {
     };
     // Another process changes the file meanwhile: every thread's next Open
     // or change reloads it under the others' feet.
-    const pid_t other = fork();
-    if (other == 0) {
+    const pid_t other = SpawnChild([] {
         RegistryPtr registry;
-        if (FAILED(registry.CreateInstance(COM_CLSID_Registry)) || FAILED(registry->Open(5, L""))) _exit(2);
+        if (FAILED(registry.CreateInstance(COM_CLSID_Registry)) || FAILED(registry->Open(5, L""))) return 2;
         for (int round = 1; round <= kWrites; ++round) {
-            if (FAILED(registry->SetValueString(L"Other", std::to_wstring(round).c_str()))) _exit(3);
+            if (FAILED(registry->SetValueString(L"Other", std::to_wstring(round).c_str()))) return 3;
         }
-        _exit(0);
-    }
-    ASSERT_GT(other, 0);
+        return 0;
+    });
     RunTogether(Join(Join(Copies(1, writer), Copies(2, stressReader)), Copies(3, classWalker)));
-    int status = -1;
-    ASSERT_EQ(waitpid(other, &status, 0), other);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(ChildResult(other), 0);
 }
 
 }  // namespace

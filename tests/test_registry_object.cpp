@@ -235,7 +235,7 @@ TEST_F(RegistryObject, KeysAreCreatedOpenedAndDeletedRelativeToTheCurrentKey) {
 
 TEST_F(RegistryObject, NamesAndTextTheFileCannotCarryAreRefused) {
     OpenClsid();
-    for (const wchar_t* path : {L"{brace}", L"1digit", L"New\\{x}", L"ctl\x01", L"New\\\\B", L""})
+    for (const wchar_t* path : {L"{brace}", L"1digit", L"New\\{x}", L"ctl\x01", L"New\\\\B", L"", L"A\\", L"\\A"})
         EXPECT_EQ(m_reg->CreateKey(path, 1), E_UNEXPECTED) << path;
     EXPECT_EQ(m_reg->SetValueString(L"v", L"bell\a"), E_INVALIDARG);
     EXPECT_EQ(m_reg->SetValueString(L"b\x01", L"x"), E_INVALIDARG);

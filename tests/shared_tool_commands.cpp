@@ -74,6 +74,9 @@ TEST_F(ToolCommands, RegisterAndUnregister) {
         {{"unregister", "./libtestcounter.so"}, 0, {"unregistered ./libtestcounter.so: 0x00000000"}},
         {{"unregister", "libtestcounter.so", "--json"}, 0,
          {R"("classes":[{"progId":"Test.Counter","inprocServer32":"libtestcounter.so"}])"}},
+    });
+    EXPECT_FALSE(Contains(RegistryFile(), counter));
+    Expect({
         // One library missing: the other one is registered all the same.
         {{"register", "nosuch.so", "libtestcounter.so"}, 1, {"registered libtestcounter.so"},
          {"0x800401F8", "nosuch.so"}},

@@ -6,6 +6,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -57,14 +58,21 @@ inline std::wstring WideText(FuzzedDataProvider& in, size_t maxLength) {
     return text;
 }
 
-// Text as the registry keeps it: each character cut to its low 16 bits, up
-// to the first one that becomes zero.
+// Text as the registry keeps it: UTF-16, a character above U+FFFF as a
+// surrogate pair. A character UTF-16 cannot carry (a surrogate code point, or
+// one beyond U+10FFFF) becomes U+FFFF, which the registry never stores.
 inline std::u16string Stored(const std::wstring& text) {
     std::u16string out;
     for (wchar_t c : text) {
-        const auto unit = static_cast<char16_t>(c & 0xFFFF);
-        if (unit == 0) break;
-        out += unit;
+        const uint32_t code = static_cast<uint32_t>(c);
+        if (code < 0xD800 || (code > 0xDFFF && code <= 0xFFFF)) {
+            out += static_cast<char16_t>(code);
+        } else if (code >= 0x10000 && code <= 0x10FFFF) {
+            out += static_cast<char16_t>(0xD800 + ((code - 0x10000) >> 10));
+            out += static_cast<char16_t>(0xDC00 + ((code - 0x10000) & 0x3FF));
+        } else {
+            out += u'\uFFFF';
+        }
     }
     return out;
 }

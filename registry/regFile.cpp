@@ -372,11 +372,15 @@ std::string CRegistryFile::LockPath() const { return LockPathOf(m_path); }
 
 int64_t WriterWaitMilliseconds() {
     const int64_t kDefault = 10000;
+    // A longer wait is a wait without end in practice, and a deadline that far
+    // ahead would overflow the clocks' arithmetic.
+    const int64_t kLongest = int64_t(1000) * 60 * 60 * 24 * 365;
     const char* text = std::getenv("VELTCOM_REGISTRY_WAIT_MS");
     if (!text || !*text) return kDefault;
     char* end = nullptr;
     const long long wait = std::strtoll(text, &end, 10);
-    return *end == '\0' && wait >= 0 ? wait : kDefault;
+    if (*end != '\0' || wait < 0) return kDefault;
+    return std::min<int64_t>(wait, kLongest);
 }
 
 // flock cannot wait with a bound, so the lock is tried again and again, the

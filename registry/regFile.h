@@ -63,7 +63,7 @@ struct CFileIdentity {
 
 // How long a writer waits for the writers' lock, and a thread for another
 // thread's transaction: VELTCOM_REGISTRY_WAIT_MS when it holds a number of
-// milliseconds, otherwise 10 seconds.
+// milliseconds (at most a year's worth), otherwise 10 seconds.
 int64_t WriterWaitMilliseconds();
 
 class CRegistryFile {

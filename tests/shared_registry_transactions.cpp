@@ -182,8 +182,9 @@ TEST_F(RegistryTransactions, OtherThreadsReadAnOpenTransactionsChangesAndTheirOw
     }).join();
     EXPECT_EQ(ReadFile("Registry.XML"), m_empty);
 
-    // A change that waits gets through once the transaction commits.
-    setenv("VELTCOM_REGISTRY_WAIT_MS", "5000", 1);
+    // A change that waits gets through once the transaction commits; a bound
+    // beyond any clock's range is taken as a long one.
+    setenv("VELTCOM_REGISTRY_WAIT_MS", "99999999999999999999", 1);
     HRESULT later = E_FAIL;
     std::thread waiting([&] { later = SetValue(L"later"); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));

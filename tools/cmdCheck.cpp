@@ -12,11 +12,9 @@
 #include <cerrno>
 #include <climits>
 #include <ctime>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "libraryTrust.h"
 #include "regFile.h"
@@ -299,16 +297,6 @@ struct RestoreOutcome {
     std::string message;
 };
 
-// Reads a whole file, saying nothing; false when it cannot be read.
-bool ReadQuietly(const std::string& path, std::string& content) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in.is_open()) return false;
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    content = bytes.str();
-    return !in.bad();
-}
-
 // A file's time as people read it, in local time.
 std::string LocalTime(const struct timespec& when) {
     struct tm parts;
@@ -354,9 +342,9 @@ RestoreOutcome Restore(const std::string& path) {
     std::string content;
     struct stat info;
     const bool present = stat(target.c_str(), &info) == 0;
-    if (present && ReadQuietly(target, content) && IsReadableRegistry(content))
+    if (present && ReadFileBytes(target, content) && IsReadableRegistry(content))
         return {false, "nothing to restore: " + path + " is readable"};
-    if (!ReadQuietly(backup, content) || !IsReadableRegistry(content))
+    if (!ReadFileBytes(backup, content) || !IsReadableRegistry(content))
         return {false, "cannot restore " + path + ": there is no readable backup " + backup};
 
     std::string message;

@@ -156,6 +156,10 @@ std::string RegistryFilePath();
 // parser gives them) and its status returned.
 HRESULT ReadRegistryFile(const std::string& path, RegKey& root);
 
+// Reads a whole file into `content`; false, saying nothing, when it cannot
+// be opened.
+bool ReadFileBytes(const std::string& path, std::string& content);
+
 // Whether the runtime can read a registry file of these bytes; says nothing.
 bool IsReadableRegistry(const std::string& content);
 

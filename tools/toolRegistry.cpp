@@ -200,15 +200,11 @@ HRESULT ReadWholeFile(const std::string& path, std::string& content) {
         ReportError("registry file " + path, SystemErrorCode(EISDIR));
         return SystemErrorCode(EISDIR);
     }
-    std::ifstream in(path, std::ios::binary);
-    if (!in.is_open()) {
+    if (!ReadFileBytes(path, content)) {
         const int error = errno ? errno : EACCES;
         ReportError("registry file " + path, SystemErrorCode(error));
         return SystemErrorCode(error);
     }
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    content = bytes.str();
     return S_OK;
 }
 
@@ -249,6 +245,15 @@ HRESULT OpenRegistry(CRegistryState& state) {
 }
 
 }  // namespace
+
+bool ReadFileBytes(const std::string& path, std::string& content) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in.is_open()) return false;
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    content = bytes.str();
+    return true;
+}
 
 bool IsReadableRegistry(const std::string& content) {
     RegKey ignored;

@@ -39,24 +39,29 @@ bool Describe(const RegisteredInterface& registered, InterfaceText& out) {
         return false;
     }
     out.iid = TextOfGuid(registered.iid);
-    wchar_t* text = nullptr;
+    // Every string is taken from a slot of its own call: a call that fails
+    // may leave its slot unwritten.
+    wchar_t* name = nullptr;
+    wchar_t* baseName = nullptr;
     COM_GUID base;
     unsigned int methods = 0;
-    hr = info->GetName(&text);
-    out.name = TakeBstr(text);
-    if (SUCCEEDED(hr)) hr = info->GetBase(&base, &text);
-    out.base = TakeBstr(text);
+    hr = info->GetName(&name);
+    out.name = TakeBstr(name);
+    if (SUCCEEDED(hr)) hr = info->GetBase(&base, &baseName);
+    out.base = TakeBstr(baseName);
     if (SUCCEEDED(hr)) hr = info->GetMethodCount(&methods);
     for (unsigned int m = 0; SUCCEEDED(hr) && m < methods; ++m) {
         MethodText method;
         unsigned int params = 0;
-        hr = info->GetMethod(m, &text, &params);
-        method.name = TakeBstr(text);
+        wchar_t* methodName = nullptr;
+        hr = info->GetMethod(m, &methodName, &params);
+        method.name = TakeBstr(methodName);
         for (unsigned int p = 0; SUCCEEDED(hr) && p < params; ++p) {
+            wchar_t* paramName = nullptr;
             wchar_t* type = nullptr;
             unsigned int flags = 0;
-            hr = info->GetParam(m, p, &text, &type, &flags);
-            method.params.push_back({TakeBstr(text), TakeBstr(type), Direction(flags),
+            hr = info->GetParam(m, p, &paramName, &type, &flags);
+            method.params.push_back({TakeBstr(paramName), TakeBstr(type), Direction(flags),
                                      (flags & COM_PARAM_RETVAL) != 0});
         }
         out.methods.push_back(method);

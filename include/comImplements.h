@@ -167,11 +167,15 @@ public:
                 result = S_OK;
             }
         }
-        wchar_t buffer[512];
-        std::swprintf(buffer, sizeof buffer / sizeof buffer[0], L"%ls [%8X]", message,
-                      static_cast<unsigned int>(hr));
-        *text = COM_SysAllocString(buffer);
-        return *text ? result : E_OUTOFMEMORY;
+        // A text of any length is kept whole; only the code has a fixed width.
+        wchar_t code[16];
+        std::swprintf(code, sizeof code / sizeof code[0], L" [%8X]", static_cast<unsigned int>(hr));
+        const size_t length = message ? std::wcslen(message) : 0;
+        *text = COM_SysAllocStringLen(nullptr, length + std::wcslen(code));
+        if (!*text) return E_OUTOFMEMORY;
+        std::wmemcpy(*text, message ? message : L"", length);
+        std::wcscpy(*text + length, code);
+        return result;
     }
 };
 

@@ -114,6 +114,20 @@ TEST(IdlGenerated, DeclaredFacilityDecodesItsCodes) {
     decoder->Release();
 }
 
+// A declared text of any length is handed back whole, code and all.
+wchar_t g_longText[2000];
+const COM_STATUSTEXT kLongTexts[] = {{static_cast<HRESULT>(0x807A0003u), g_longText}};
+const COM_FACILITYINFO kLongFacility = {0x7A, kLongTexts, 1, L"Unknown"};
+
+TEST(IdlGenerated, DeclaredTextsOfAnyLengthAreDecodedWhole) {
+    const std::wstring declared(1999, L'x');
+    std::wcscpy(g_longText, declared.c_str());
+    COM_CStatusDecoder<&kLongFacility> decoder;
+    wchar_t* text = nullptr;
+    EXPECT_EQ(decoder.DecodeHResult(kLongTexts[0].code, 0, &text), S_OK);
+    EXPECT_EQ(Take(text), declared + L" [807A0003]");
+}
+
 // Parses `text` as main.idl beside the files of `others`; veltcom.idl is the
 // runtime's own.
 std::shared_ptr<idl::Definitions> ParseText(const std::string& text, idl::Error& error,

@@ -21,6 +21,7 @@
 #include "regIndex.h"
 #include "regErrorHandler.h"
 #include "regParser.h"
+#include "regRules.h"
 #include "regSaved.h"
 
 using xercesc::DOMNode;
@@ -53,19 +54,19 @@ const unsigned int kChangesBeforeCompaction = 2048;
 // From this size on a document's memory is taken in huge runs.
 const size_t kLargeDocument = size_t(1) << 20;
 
-// The calling thread's position in the document: the node, the generation
+// The calling thread's position in the document: the key, the generation
 // of the document it was found in, and its path from the document node.
 struct CCurrentKey {
-    DOMNode* node = nullptr;
+    CXMLRegistry::Key node = 0;
     uint64_t generation = 0;
     RegString path;
 
-    void Set(DOMNode* key, uint64_t current, const XMLCh* keyPath) {
+    void Set(CXMLRegistry::Key key, uint64_t current, const XMLCh* keyPath) {
         node = key;
         generation = current;
         path = keyPath;
     }
-    void Descend(DOMNode* key, const XMLCh* relative) {
+    void Descend(CXMLRegistry::Key key, const XMLCh* relative) {
         node = key;
         path += u'\\';
         path += relative;
@@ -80,6 +81,9 @@ template <class Operation>
 HRESULT Guarded(Operation operation) {
     try {
         return operation();
+    } catch (const CImageDamaged&) {
+        // The caller reads the file instead.
+        throw;
     } catch (int hr) {
         return hr;
     } catch (const std::bad_alloc&) {
@@ -112,15 +116,45 @@ std::string LeadingAscii(const RegString& text) {
     return out;
 }
 
+// The image as the registry's rules read it.
+struct CImageTree {
+    typedef CRegistryImage::Node Node;
+    typedef CImageString Text;
+
+    const CRegistryImage& image;
+
+    Node Find(Node parent, RegStringView name) const { return image.Find(parent, name); }
+    uint32_t ChildCount(Node node) const { return image.ChildCount(node); }
+    template <class Visit>
+    void ForEachChild(Node node, Visit visit) const {
+        image.ForEachChild(node, visit);
+    }
+    bool IsElement(Node node) const { return image.Type(node) == RegistryImage::kElement; }
+    bool NameIs(Node node, RegStringView name) const { return image.Name(node) == name; }
+    Text Name(Node node) const { return image.Name(node); }
+    uint32_t AttributeCount(Node node) const { return image.AttributeCount(node); }
+    template <class Visit>
+    void ForEachAttribute(Node node, Visit visit) const {
+        image.ForEachAttribute(node, visit);
+    }
+    bool Is(const Text& text, RegStringView other) const { return text == other; }
+    void Copy(const Text& text, RegString& out) const { out = text.Copy(); }
+    wchar_t* Widen(const Text& text) const { return AllocWidened(text.Copy().c_str()); }
+};
+
+DOMNode* AsNode(CXMLRegistry::Key key) { return reinterpret_cast<DOMNode*>(key); }
+CXMLRegistry::Key AsKey(const DOMNode* node) { return reinterpret_cast<CXMLRegistry::Key>(node); }
+
 }  // namespace
 
 CXMLRegistry::CXMLRegistry() = default;
 
 CXMLRegistry::~CXMLRegistry() {
     ChildIndex::Attach(nullptr);
+    SavedSubtrees::Attach(nullptr);
     m_spParser.Reset();
     m_spErrorHandler.Reset();
-    xercesc::XMLPlatformUtils::Terminate();
+    if (m_bXmlStarted) xercesc::XMLPlatformUtils::Terminate();
 }
 
 HRESULT CXMLRegistry::CreateInstance(const COM_GUID& iid, void** out) {
@@ -133,17 +167,8 @@ HRESULT CXMLRegistry::CreateInstance(const COM_GUID& iid, void** out) {
     if (CXMLRegistry* registry = s_pRegistry.load(std::memory_order_relaxed))
         return registry->QueryInterface(iid, out);
     *out = nullptr;
-
-    try {
-        xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale);
-    } catch (const xercesc::XMLException&) {
-        return E_FAIL;
-    }
     CXMLRegistry* registry = new (std::nothrow) CXMLRegistry;
-    if (!registry) {
-        xercesc::XMLPlatformUtils::Terminate();
-        return E_OUTOFMEMORY;
-    }
+    if (!registry) return E_OUTOFMEMORY;
     HRESULT hr;
     try {
         hr = registry->Initialize(RegistryFileName().c_str());
@@ -164,7 +189,72 @@ HRESULT CXMLRegistry::Initialize(const wchar_t* name) {
     if (!name) return E_POINTER;
     m_strFilePath = NarrowWide(name);
     m_spFile.Reset(new CRegistryFile(m_strFilePath));
-    return Reload();
+    return Load();
+}
+
+// A reader's load: the image when it describes the file on disk, which costs
+// no parse; otherwise the file, parsed, whose image is then made anew.
+HRESULT CXMLRegistry::Load() {
+    // A save between the look at the file and the look at its image makes
+    // them disagree; the second try finds both new.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        CFileStamp stamp;
+        if (!m_spFile->Look(stamp)) break;
+        if (std::unique_ptr<CRegistryImage> image = CRegistryImage::Map(m_spFile->ImagePath(), stamp)) {
+            UseImage(std::move(image));
+            return S_OK;
+        }
+    }
+    const HRESULT hr = Reload();
+    if (SUCCEEDED(hr)) RebuildImage();
+    return hr;
+}
+
+// The document goes: nothing in it differs from the file, which the image
+// describes.
+void CXMLRegistry::UseImage(std::unique_ptr<CRegistryImage> image) {
+    ChildIndex::Attach(nullptr);
+    SavedSubtrees::Attach(nullptr);
+    m_spParser.Reset();
+    m_spErrorHandler.Reset();
+    m_spImage = std::move(image);
+    ++m_nGeneration;
+}
+
+// Written only while the file is still the one parsed: a save by another
+// process meanwhile has written an image of its own. A process that cannot
+// write the image reads on from its document.
+void CXMLRegistry::RebuildImage() {
+    std::string_view image;
+    CFileStamp now;
+    const CFileStamp& parsed = m_spFile->ReadStamp();
+    if (!BuildImage(Document(), image) || image.size() > UINT32_MAX) return;
+    if (!m_spFile->Look(now) || !(now == parsed)) return;
+    const std::string header = RegistryImage::Header(image.size(), RegistryImage::kHeaderSize, parsed);
+    if (!m_spFile->WriteImage(header, image)) return;
+    if (std::unique_ptr<CRegistryImage> mapped = CRegistryImage::Map(m_spFile->ImagePath(), parsed))
+        UseImage(std::move(mapped));
+}
+
+// The image read so far turned out damaged: the file is read instead.
+void CXMLRegistry::DropImage() {
+    m_spImage.reset();
+    m_spFile->Forget();
+    if (FAILED(Reload())) return;
+    RebuildImage();
+}
+
+// The XML library is started by the first parse of the process, and only
+// then: a process that reads from the image never needs it.
+HRESULT CXMLRegistry::StartXmlLibrary() {
+    if (m_bXmlStarted) return S_OK;
+    try {
+        xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale);
+    } catch (const xercesc::XMLException&) {
+        return E_FAIL;
+    }
+    m_bXmlStarted = true;
+    return S_OK;
 }
 
 HRESULT CXMLRegistry::Reload() {
@@ -179,6 +269,8 @@ HRESULT CXMLRegistry::Reload() {
 // Parses into a parser of its own, which replaces the live one only once it
 // holds a document. Every pointer into the old document dies with it.
 HRESULT CXMLRegistry::Parse(std::string_view content) {
+    const HRESULT started = StartXmlLibrary();
+    if (FAILED(started)) return started;
     try {
         utlAutoPtr<xercesc::ErrorHandler> handler(new DOMErrorHandler(m_strFilePath));
         utlAutoPtr<xercesc::XercesDOMParser> parser(new CRegistryParser(content.size() >= kLargeDocument));
@@ -193,6 +285,7 @@ HRESULT CXMLRegistry::Parse(std::string_view content) {
         SavedSubtrees::Attach(parser->getDocument());
         m_spParser.Reset(parser.Detach());
         m_spErrorHandler.Reset(handler.Detach());
+        m_spImage.reset();
     } catch (const xercesc::XMLException& e) {
         return REGDB_E_PARSEBASE | e.getCode();
     } catch (const std::bad_alloc&) {
@@ -208,29 +301,77 @@ HRESULT CXMLRegistry::Parse(std::string_view content) {
 }
 
 HRESULT CXMLRegistry::UpdateRegistryOnDisk() {
-    std::string_view bytes;
-    if (!WriteDocument(Document(), bytes)) return REGDB_E_WRITEREGDB;
-    const HRESULT hr = m_spFile->Write(bytes);
+    std::string_view bytes, image;
+    if (!WriteDocument(Document(), bytes, image)) return REGDB_E_WRITEREGDB;
+    CFileStamp written;
+    const HRESULT hr = m_spFile->Write(bytes, written);
     if (FAILED(hr)) return hr;
+    // An image too large to describe is not written; the one on disk no
+    // longer describes the file.
+    if (image.size() <= UINT32_MAX)
+        m_spFile->WriteImage(RegistryImage::Header(image.size(), RegistryImage::kHeaderSize, written), image);
     if (++m_nChangesSinceLoad >= kChangesBeforeCompaction) Parse(bytes);
     return S_OK;
 }
 
+// An operation that finds the image damaged runs again on the file.
 template <class Operation>
 HRESULT CXMLRegistry::Locked(Operation operation) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return Guarded(operation);
+    try {
+        return Guarded(operation);
+    } catch (const CImageDamaged&) {
+        DropImage();
+    }
+    try {
+        return Guarded(operation);
+    } catch (const CImageDamaged&) {
+        return E_FAIL;
+    }
 }
 
-DOMNode* CXMLRegistry::CurrentKey() {
+CXMLRegistry::Key CXMLRegistry::CurrentKey() {
     CCurrentKey& current = t_currentKey;
     if (current.node && current.generation != m_nGeneration) {
-        DOMNode* found = nullptr;
-        current.node = ResolveKey(Document(), current.path.c_str(), &found) ? found : nullptr;
+        Key found = 0;
+        current.node = Resolve(0, current.path.c_str(), found) ? found : 0;
         current.generation = m_nGeneration;
     }
     return current.node;
 }
+
+// Reads go to the document once there is one, and to the image before.
+bool CXMLRegistry::Resolve(Key start, const XMLCh* path, Key& out) {
+    if (!m_spImage) {
+        DOMNode* found = nullptr;
+        if (!ResolveKey(start ? AsNode(start) : Document(), path, &found)) return false;
+        out = AsKey(found);
+        return true;
+    }
+    CRegistryImage::Node found = 0;
+    const CImageTree tree{*m_spImage};
+    if (!RegistryRules::Resolve(tree, start ? static_cast<CRegistryImage::Node>(start) : m_spImage->Document(),
+                                path, found))
+        return false;
+    out = found;
+    return true;
+}
+
+bool CXMLRegistry::ValueOf(Key key, const XMLCh* name, RegString& type, RegString& value) {
+    if (!m_spImage) return GetValue(AsNode(key), name, type, value);
+    return RegistryRules::GetValue(CImageTree{*m_spImage}, static_cast<CRegistryImage::Node>(key), name,
+                                   type, value);
+}
+
+wchar_t** CXMLRegistry::NamesOf(Key key, int kind, unsigned int& count) {
+    if (!m_spImage) return ListNames(AsNode(key), kind, count);
+    return RegistryRules::ListNames(CImageTree{*m_spImage}, static_cast<CRegistryImage::Node>(key), kind,
+                                    count);
+}
+
+// A change needs the document: the first one of a process that reads from
+// the image parses the file.
+bool CXMLRegistry::DocumentOutdated() const { return m_spImage || m_spFile->Changed(); }
 
 // A change is made to the file as it is on disk now, under the writers'
 // lock, and saved at once: no process ever saves over another's change.
@@ -247,7 +388,7 @@ HRESULT CXMLRegistry::Change(Apply apply) {
     if (!AwaitTransactionEnd()) return REGDB_E_WRITEREGDB;
     CRegistryFile::CWriterLock lock(*m_spFile);
     if (lock.TimedOut()) return LockTimedOut();
-    if (m_spFile->Changed() && FAILED(Reload())) return REGDB_E_WRITEREGDB;
+    if (DocumentOutdated() && FAILED(Reload())) return REGDB_E_WRITEREGDB;
     const CCurrentKey before = t_currentKey;
     HRESULT hr = ApplyToCurrentKey(apply);
     if (FAILED(hr)) return hr;
@@ -267,9 +408,9 @@ template <class Apply>
 HRESULT CXMLRegistry::ApplyToCurrentKey(Apply apply) {
     // Another process may have deleted the key meanwhile: nothing is ever
     // written into a key that is no longer in the document.
-    DOMNode* key = CurrentKey();
+    const Key key = CurrentKey();
     if (!key) return REGDB_E_KEYMISSING;
-    const HRESULT hr = apply(key);
+    const HRESULT hr = apply(AsNode(key));
     if (FAILED(hr)) return hr;
     // Nodes may have been freed: other threads find their keys again. This
     // thread's own key lies above whatever its change removed.
@@ -313,7 +454,7 @@ HRESULT CXMLRegistry::Begin() {
         if (!AwaitTransactionEnd()) return REGDB_E_WRITEREGDB;
         m_transaction.lock.emplace(*m_spFile);
         HRESULT hr = m_transaction.lock->TimedOut() ? LockTimedOut() : S_OK;
-        if (SUCCEEDED(hr) && m_spFile->Changed() && FAILED(Reload())) hr = REGDB_E_WRITEREGDB;
+        if (SUCCEEDED(hr) && DocumentOutdated() && FAILED(Reload())) hr = REGDB_E_WRITEREGDB;
         if (FAILED(hr)) {
             m_transaction.lock.reset();
             return hr;
@@ -398,13 +539,13 @@ HRESULT CXMLRegistry::Open(unsigned int hive, const wchar_t* subkey) {
 }
 
 // Any change may have moved or freed a root: each generation finds them anew.
-DOMNode* CXMLRegistry::HiveRoot(unsigned int hive) {
+CXMLRegistry::Key CXMLRegistry::HiveRoot(unsigned int hive) {
     if (m_nRootsGeneration != m_nGeneration) {
-        std::fill(std::begin(m_rgHiveRoots), std::end(m_rgHiveRoots), nullptr);
+        std::fill(std::begin(m_rgHiveRoots), std::end(m_rgHiveRoots), 0);
         m_nRootsGeneration = m_nGeneration;
     }
-    DOMNode*& root = m_rgHiveRoots[hive - 1];
-    if (!root) ResolveKey(Document(), kHiveRoots[hive - 1], &root);
+    Key& root = m_rgHiveRoots[hive - 1];
+    if (!root) Resolve(0, kHiveRoots[hive - 1], root);
     return root;
 }
 
@@ -413,8 +554,8 @@ HRESULT CXMLRegistry::OpenHiveLocked(unsigned int hive) {
     // started. Should the file have become unreadable, the document read
     // last serves on. Not while a transaction is open: no other process can
     // save then, and its document holds changes the file does not.
-    if (m_transaction.depth == 0 && m_spFile->Outdated()) Reload();
-    DOMNode* root = HiveRoot(hive);
+    if (m_transaction.depth == 0 && m_spFile->Outdated()) Load();
+    const Key root = HiveRoot(hive);
     if (!root) return REGDB_E_KEYMISSING;
     t_currentKey.Set(root, m_nGeneration, kHiveRoots[hive - 1]);
     return S_OK;
@@ -431,13 +572,13 @@ HRESULT CXMLRegistry::ReadDefaultValue(unsigned int hive, std::initializer_list<
         for (++key; SUCCEEDED(hr) && key != keys.end(); ++key) hr = DescendLocked(*key);
         if (FAILED(hr)) return hr;
         RegString type;
-        if (!GetValue(CurrentKey(), u"", type, value) || type != kString) return REGDB_E_INVALIDVALUE;
+        if (!ValueOf(CurrentKey(), u"", type, value) || type != kString) return REGDB_E_INVALIDVALUE;
         return Close();
     });
 }
 
 HRESULT CXMLRegistry::Close() {
-    t_currentKey.node = nullptr;
+    t_currentKey.node = 0;
     t_currentKey.path.clear();
     return S_OK;
 }
@@ -452,11 +593,11 @@ HRESULT CXMLRegistry::OpenKeyLocked(const wchar_t* path) {
 }
 
 HRESULT CXMLRegistry::DescendLocked(const XMLCh* escaped) {
-    DOMNode* key = CurrentKey();
+    const Key key = CurrentKey();
     if (!key) return REGDB_E_KEYMISSING;
     if (PathDepth(escaped) > s_nMaxPathDepth) return E_INVALIDARG;
-    DOMNode* found = nullptr;
-    if (!ResolveKey(key, escaped, &found)) return REGDB_E_KEYMISSING;
+    Key found = 0;
+    if (!Resolve(key, escaped, found)) return REGDB_E_KEYMISSING;
     t_currentKey.Descend(found, escaped);
     return S_OK;
 }
@@ -475,7 +616,7 @@ HRESULT CXMLRegistry::CreateKey(const wchar_t* path, int open) {
         return Change([&](DOMNode* key) -> HRESULT {
             DOMNode* last = nullptr;
             if (!::CreateKey(Document(), key, escaped.c_str(), &last)) return REGDB_E_WRITEREGDB;
-            if (open == 1) t_currentKey.Descend(last, escaped.c_str());
+            if (open == 1) t_currentKey.Descend(AsKey(last), escaped.c_str());
             return S_OK;
         });
     });
@@ -514,10 +655,10 @@ HRESULT CXMLRegistry::SetValueString(const wchar_t* name, const wchar_t* value) 
 HRESULT CXMLRegistry::GetValueString(const wchar_t* name, wchar_t** value) {
     return Locked([&]() -> HRESULT {
         if (!name) return E_POINTER;
-        DOMNode* key = CurrentKey();
+        const Key key = CurrentKey();
         if (!key) return REGDB_E_KEYMISSING;
         RegString type, data;
-        if (!GetValue(key, EscapeKey(name).c_str(), type, data) || type != kString)
+        if (!ValueOf(key, EscapeKey(name).c_str(), type, data) || type != kString)
             return REGDB_E_INVALIDVALUE;
         // A null value pointer only asks whether the string value exists.
         if (!value) return S_OK;
@@ -541,10 +682,10 @@ HRESULT CXMLRegistry::SetValueDWORD(const wchar_t* name, unsigned int value) {
 HRESULT CXMLRegistry::GetValueDWORD(const wchar_t* name, unsigned int* value) {
     return Locked([&]() -> HRESULT {
         if (!name || !value) return E_POINTER;
-        DOMNode* key = CurrentKey();
+        const Key key = CurrentKey();
         if (!key) return REGDB_E_KEYMISSING;
         RegString type, data;
-        if (!GetValue(key, EscapeKey(name).c_str(), type, data) || type != kDword)
+        if (!ValueOf(key, EscapeKey(name).c_str(), type, data) || type != kDword)
             return REGDB_E_INVALIDVALUE;
         // Hand-edited text that is no number reads as 0; trailing text is ignored.
         *value = static_cast<unsigned int>(std::strtol(LeadingAscii(data).c_str(), nullptr, 10));
@@ -566,10 +707,10 @@ HRESULT CXMLRegistry::DeleteValue(const wchar_t* name) {
 HRESULT CXMLRegistry::Enumerate(int kind, COM_IEnumBSTR** out) {
     return Locked([&]() -> HRESULT {
         if (!out) return E_POINTER;
-        DOMNode* key = CurrentKey();
+        const Key key = CurrentKey();
         if (!key) return REGDB_E_KEYMISSING;
         unsigned int count = 0;
-        wchar_t** names = ListNames(key, kind, count);
+        wchar_t** names = NamesOf(key, kind, count);
         return CRegEnumItems::CreateInstance(COM_IID_IEnumBSTR, reinterpret_cast<void**>(out),
                                              count, names, 0);
     });

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -20,15 +21,20 @@
 #include "comUtil.h"
 #include "regFile.h"
 #include "regHelper.h"
+#include "regImage.h"
 
 // The one registry object of the process, over the document of
 // "Registry.XML". Every caller shares its document; each thread has its own
 // current key. It lives until the process ends: Release never frees it.
 //
-// Every change is saved at once, under a lock that all processes changing
-// the file take; a process whose file was replaced by another reloads it
-// before changing it, and when it next opens a hive. A transaction holds
-// that lock from Begin to Commit, and saves once.
+// A process reads from the file's compiled image while the image describes
+// the file, and parses the file only to change it: its first change, or its
+// first Begin, turns it into a writer, which holds the document.
+//
+// Every change is saved at once, with its image, under a lock that all
+// processes changing the file take; a process whose file was replaced by
+// another reloads it before changing it, and when it next opens a hive. A
+// transaction holds that lock from Begin to Commit, and saves once.
 class CXMLRegistry : public COM_CComObjectRoot,
                      public COM_CComCoClass<CXMLRegistry, &COM_CLSID_Registry>,
                      public COM_IRegistry,
@@ -69,6 +75,9 @@ public:
     HRESULT Commit() override;
     HRESULT Abort() override;
 
+    // A key of the document or of the image, as reads find it; 0 for none.
+    typedef uintptr_t Key;
+
     // Reads the default value of a key as Open(hive, keys[0]), an
     // OpenKey for each further name, GetValueString(L"", ...) and, when all
     // of them succeed, Close() would, one after the other and with the same
@@ -100,10 +109,19 @@ private:
     bool AwaitTransactionEnd();
     HRESULT LockTimedOut();
     HRESULT EndTransaction(HRESULT hr);
+    HRESULT Load();
+    void UseImage(std::unique_ptr<CRegistryImage> image);
+    void RebuildImage();
+    void DropImage();
+    HRESULT StartXmlLibrary();
     HRESULT Reload();
     HRESULT Parse(std::string_view content);
-    xercesc::DOMNode* CurrentKey();
-    xercesc::DOMNode* HiveRoot(unsigned int hive);
+    bool DocumentOutdated() const;
+    Key CurrentKey();
+    bool Resolve(Key start, const XMLCh* path, Key& out);
+    bool ValueOf(Key key, const XMLCh* name, RegString& type, RegString& value);
+    wchar_t** NamesOf(Key key, int kind, unsigned int& count);
+    Key HiveRoot(unsigned int hive);
     HRESULT OpenHiveLocked(unsigned int hive);
     HRESULT OpenKeyLocked(const wchar_t* path);
     HRESULT DescendLocked(const XMLCh* escaped);
@@ -121,11 +139,15 @@ private:
     uint64_t m_nGeneration = 1;
     unsigned int m_nChangesSinceLoad = 0;
     // The root keys of the hives, as found in the document of that
-    // generation; null where not looked up yet or missing.
-    xercesc::DOMNode* m_rgHiveRoots[s_nHives] = {};
+    // generation; 0 where not looked up yet or missing.
+    Key m_rgHiveRoots[s_nHives] = {};
     uint64_t m_nRootsGeneration = 0;
+    // The parsed document, which writers hold; or the image, which serves
+    // until then.
     utlAutoPtr<xercesc::XercesDOMParser> m_spParser;
     utlAutoPtr<xercesc::ErrorHandler> m_spErrorHandler;
+    std::unique_ptr<CRegistryImage> m_spImage;
+    bool m_bXmlStarted = false;
 
     // The open transaction, when depth is not 0: the thread that began it,
     // the Begins it has not ended yet, the writers' lock it holds, whether

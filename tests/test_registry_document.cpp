@@ -203,17 +203,17 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
     }
     Load(text + "</Wide></r>");
     SavedSubtrees::Attach(m_doc);
-    std::string_view bytes;
-    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    std::string_view bytes, image;
+    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
     // The memory of a freed key comes back as the next key made, in the
     // place the freed one had.
     DOMNode* key = nullptr;
     ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K59"));
     ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\Fresh", &key));
-    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
     ASSERT_EQ(bytes, Written(m_doc));
     ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K45\\N3"));
-    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
     ASSERT_EQ(bytes, Written(m_doc));
 
     std::mt19937 random(12345);
@@ -238,17 +238,17 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
                 SetValue(m_doc, key, name, u"string", std::u16string(value.begin(), value.end()).c_str());
             }
         }
-        ASSERT_TRUE(WriteDocument(m_doc, bytes));
+        ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
         ASSERT_EQ(bytes, Written(m_doc)) << "step " << step;
     }
 
     ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\K50\\Bad", &key));
     SetValue(m_doc, key, u"v", u"string", u"\xD800");
     bytes = "as it was";
-    EXPECT_FALSE(WriteDocument(m_doc, bytes));
+    EXPECT_FALSE(WriteDocument(m_doc, bytes, image));
     EXPECT_EQ(bytes, "as it was");
     DeleteValue(m_doc, key, u"v");
-    ASSERT_TRUE(WriteDocument(m_doc, bytes));
+    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
     EXPECT_EQ(bytes, Written(m_doc));
     SavedSubtrees::Attach(nullptr);
 }

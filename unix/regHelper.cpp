@@ -18,7 +18,9 @@
 #include "comApi.h"
 #include "comUtil.h"
 #include "regErrorHandler.h"
+#include "regImage.h"
 #include "regIndex.h"
+#include "regRules.h"
 #include "regSaved.h"
 
 using xercesc::DOMDocument;
@@ -29,32 +31,11 @@ using xercesc::XMLString;
 
 namespace {
 
-const XMLCh kItem[] = u"item";
-const XMLCh kName[] = u"name";
-const XMLCh kType[] = u"type";
-const XMLCh kValue[] = u"value";
-const XMLCh kDefault[] = u"default";
-const XMLCh kString[] = u"string";
-
-// The pieces of a path between backslashes, empty ones included: the empty
-// path is one empty piece, which names no key.
-class CPathPieces {
-public:
-    explicit CPathPieces(const XMLCh* path) : m_pNext(path) {}
-
-    bool Next(RegStringView& piece) {
-        if (!m_pNext) return false;
-        const XMLCh* end = m_pNext;
-        while (*end && *end != u'\\')
-            ++end;
-        piece = RegStringView(m_pNext, end - m_pNext);
-        m_pNext = *end ? end + 1 : nullptr;
-        return true;
-    }
-
-private:
-    const XMLCh* m_pNext;
-};
+using RegistryRules::kDefault;
+using RegistryRules::kItem;
+using RegistryRules::kName;
+using RegistryRules::kType;
+using RegistryRules::kValue;
 
 bool NameIs(const DOMNode* node, RegStringView name) {
     const XMLCh* nodeName = node->getNodeName();
@@ -85,11 +66,6 @@ DOMNode* FindItem(const DOMNode* key, const XMLCh* name) {
         if (IsItem(child) && ItemIsNamed(child, name)) return child;
     }
     return nullptr;
-}
-
-XMLSize_t AttributeCount(const DOMNode* node) {
-    const DOMNamedNodeMap* attributes = node->getAttributes();
-    return attributes ? attributes->getLength() : 0;
 }
 
 // A character that no XML file can hold, written or referenced.
@@ -130,15 +106,6 @@ void ReleaseSubtree(DOMNode* root) {
     }
     NoteReleased(root);
     root->release();
-}
-
-int GetDefaultValue(const DOMNode* key, RegString& type, RegString& value) {
-    if (!IsElement(key) || AttributeCount(key) != 1) return 0;
-    const DOMNode* attribute = key->getAttributes()->item(0);
-    if (!NameIs(attribute, kDefault)) return 0;
-    type = kString;
-    value = attribute->getNodeValue();
-    return 1;
 }
 
 }  // namespace
@@ -206,20 +173,6 @@ int FindKey(const DOMNode* parent, const XMLCh* name, DOMNode** out) {
     return 1;
 }
 
-int ResolveKey(const DOMNode* start, const XMLCh* path, DOMNode** out) {
-    const DOMNode* node = start;
-    DOMNode* found = nullptr;
-    CPathPieces pieces(path);
-    RegStringView piece;
-    while (pieces.Next(piece)) {
-        found = FindChild(node, piece);
-        if (!found) return 0;
-        node = found;
-    }
-    *out = found;
-    return 1;
-}
-
 int CreateKey(DOMDocument* doc, DOMNode* start, const XMLCh* path, DOMNode** out) {
     DOMNode* node = start;
     CPathPieces pieces(path);
@@ -252,20 +205,6 @@ int DeleteKey(DOMNode* start, const XMLCh* path) {
     } catch (const xercesc::DOMException&) {
         return 0;
     }
-}
-
-int GetValue(const DOMNode* key, const XMLCh* name, RegString& type, RegString& value) {
-    if (!*name) return GetDefaultValue(key, type, value);
-    for (const DOMNode* child = key->getFirstChild(); child; child = child->getNextSibling()) {
-        if (!IsItem(child) || AttributeCount(child) != 3 || !ItemIsNamed(child, name)) continue;
-        const XMLCh* itemType = AttributeValue(child, kType);
-        const XMLCh* itemValue = AttributeValue(child, kValue);
-        if (!itemType || !itemValue) continue;
-        type = itemType;
-        value = itemValue;
-        return 1;
-    }
-    return 0;
 }
 
 int SetValue(DOMDocument* doc, DOMNode* key, const XMLCh* name, const XMLCh* type,
@@ -432,37 +371,44 @@ const XMLCh* AttributeValue(const DOMNode* attribute) {
 
 enum class WriteResult { Written, UnwritableText, UnknownNodeType };
 
+ImageText TextOf(const XMLCh* text) { return text ? ImageText(text) : ImageText(); }
+
 // Writes a subtree into one buffer. The walk follows the tree's own links
 // instead of recursing, so no depth of nesting can exhaust the stack.
 //
-// Writing the registry's document, it reuses the bytes saved for subtrees
-// that have not changed since, and saves those it writes anew. Only the
-// children of a key with many children are saved: the classes and ProgIDs
-// of a large registry, each small, which together are nearly all of it.
+// Writing the registry's document, it writes the document's image in the
+// same walk, reuses the bytes and image records saved for subtrees that have
+// not changed since, and saves those it writes anew. Only the children of a
+// key with many children are saved: the classes and ProgIDs of a large
+// registry, each small, which together are nearly all of it.
 class CDocumentWriter {
 public:
     CDocumentWriter() : m_reuseSaved(false) {}
-    // Writes the registry's document into `room`, reusing kept bytes.
-    explicit CDocumentWriter(std::string room) : m_reuseSaved(true), m_out(std::move(room)) {}
+    // Writes the registry's document and its image into `room`, reusing kept
+    // bytes.
+    explicit CDocumentWriter(SavedSubtrees::CSave room)
+        : m_reuseSaved(true), m_out(std::move(room.bytes)), m_image(new CImageBuilder(std::move(room.image))) {}
 
     WriteResult Write(const DOMNode* root) {
         const DOMNode* node = root;
         for (;;) {
-            const size_t start = m_out.Size();
+            const SavedSubtrees::CAt start = At();
             const bool saves = Saves(node);
-            const std::string_view saved = saves ? SavedSubtrees::Reuse(node, start) : std::string_view();
-            if (!saved.empty()) {
-                m_out.Append(saved.data(), saved.size());
+            const SavedSubtrees::CKept saved = saves ? SavedSubtrees::Reuse(node, start) : SavedSubtrees::CKept();
+            if (!saved.bytes.empty()) {
+                m_out.Append(saved.bytes.data(), saved.bytes.size());
+                m_image->Append(saved.image, saved.hash);
             } else {
                 bool descend = false;
                 if (!Open(node, descend)) return WriteResult::UnknownNodeType;
-                const size_t begun = saves ? SavedSubtrees::Begin(node, start) : kNotSaved;
+                const size_t begun = saves ? SavedSubtrees::Begin(node, start, m_image->LastHash()) : kNotSaved;
                 if (descend) {
                     m_open.push_back({node, 0, begun});
                     node = node->getFirstChild();
                     continue;
                 }
-                if (saves) SavedSubtrees::End(begun, m_out.Size());
+                if (m_image) m_image->End();
+                if (saves) SavedSubtrees::End(begun, At());
             }
             // Close every node whose subtree is done, up to one with a next
             // sibling.
@@ -478,15 +424,16 @@ public:
                 m_open.pop_back();
                 node = parent.node;
                 Close(node);
-                if (parent.begun != kNotSaved) SavedSubtrees::End(parent.begun, m_out.Size());
+                if (m_image) m_image->End();
+                if (parent.begun != kNotSaved) SavedSubtrees::End(parent.begun, At());
             }
         }
     }
 
     const CByteBuffer& Bytes() const { return m_out; }
 
-    size_t Size() const { return m_out.Size(); }
-    std::string TakeBuffer() { return m_out.Take(); }
+    SavedSubtrees::CAt At() const { return {m_out.Size(), m_image ? m_image->Offset() : 0}; }
+    SavedSubtrees::CSave TakeBuffers() { return {m_out.Take(), m_image->Take()}; }
 
 private:
     // Room made before each text, so that names and values of usual length
@@ -511,6 +458,26 @@ private:
     // Writes what comes before the node's children; `descend` tells whether
     // it has children to write. False for a node type with no written form.
     bool Open(const DOMNode* node, bool& descend) {
+        if (!WriteOpen(node, descend)) return false;
+        if (m_image) OpenRecord(node, descend);
+        return true;
+    }
+
+    // The node's record in the image, its children's to follow.
+    void OpenRecord(const DOMNode* node, bool descend) {
+        const auto type = static_cast<uint8_t>(node->getNodeType());
+        const DOMNamedNodeMap* attributes = node->getAttributes();
+        const XMLSize_t count = attributes ? attributes->getLength() : 0;
+        m_image->Open(type, descend, TextOf(node->getNodeName()),
+                      type == DOMNode::ELEMENT_NODE ? ImageText() : TextOf(node->getNodeValue()),
+                      static_cast<uint32_t>(count));
+        for (XMLSize_t i = 0; i < count; ++i) {
+            const DOMNode* attribute = attributes->item(i);
+            m_image->Attribute(TextOf(attribute->getNodeName()), TextOf(AttributeValue(attribute)));
+        }
+    }
+
+    bool WriteOpen(const DOMNode* node, bool& descend) {
         switch (node->getNodeType()) {
         case DOMNode::ELEMENT_NODE:
             OpenElement(node);
@@ -612,6 +579,7 @@ private:
 
     const bool m_reuseSaved;
     CByteBuffer m_out;
+    std::unique_ptr<CImageBuilder> m_image;
     std::vector<COpen> m_open;
     bool m_textWritable = true;
 };
@@ -635,21 +603,35 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
     return out.write(writer.Bytes().Data(), static_cast<std::streamsize>(writer.Bytes().Size()));
 }
 
-bool WriteDocument(const DOMDocument* document, std::string_view& bytes) {
-    CDocumentWriter writer(SavedSubtrees::TakeBuffer());
+namespace {
+
+WriteResult WriteWithImage(const DOMDocument* document, std::string_view& bytes, std::string_view& image) {
+    CDocumentWriter writer(SavedSubtrees::TakeBuffers());
     const WriteResult result = writer.Write(document);
+    if (result != WriteResult::Written) {
+        SavedSubtrees::Abandon(writer.TakeBuffers());
+        return result;
+    }
+    const SavedSubtrees::CAt size = writer.At();
+    SavedSubtrees::Finish(writer.TakeBuffers(), size, bytes, image);
+    return result;
+}
+
+}  // namespace
+
+bool WriteDocument(const DOMDocument* document, std::string_view& bytes, std::string_view& image) {
+    const WriteResult result = WriteWithImage(document, bytes, image);
     if (result == WriteResult::UnknownNodeType) {
         // Stops the process as the operator above does, in its words.
         std::ostream nowhere(nullptr);
         nowhere << static_cast<const DOMNode*>(document);
     }
-    if (result != WriteResult::Written) {
-        SavedSubtrees::Abandon(writer.TakeBuffer());
-        return false;
-    }
-    const size_t size = writer.Size();
-    bytes = SavedSubtrees::Finish(writer.TakeBuffer(), size);
-    return true;
+    return result == WriteResult::Written;
+}
+
+bool BuildImage(const DOMDocument* document, std::string_view& image) {
+    std::string_view bytes;
+    return WriteWithImage(document, bytes, image) == WriteResult::Written;
 }
 
 std::ostream& operator<<(std::ostream& out, const XMLCh* text) {
@@ -702,51 +684,56 @@ wchar_t* AllocWidened(const XMLCh* text) {
 
 namespace {
 
-// Every element child is listed, value elements "item" included.
-void ListKeys(const DOMNode* key, CVecBstr& slots) {
-    size_t next = 0;
-    for (const DOMNode* child = key->getFirstChild(); child; child = child->getNextSibling()) {
-        if (IsElement(child)) slots[next++] = AllocWidened(child->getNodeName());
-    }
-}
+// The DOM as the registry's rules read it.
+struct CDomTree {
+    typedef const DOMNode* Node;
+    typedef const XMLCh* Text;
 
-// A value's name goes to the slot numbered by the position of its "name"
-// attribute, not to the next free one: with name written first, every value
-// lands in slot 0 and the last one stays. Callers rely on this placement.
-void ListValues(const DOMNode* key, CVecBstr& slots) {
-    for (const DOMNode* child = key->getFirstChild(); child; child = child->getNextSibling()) {
-        if (!IsItem(child) || AttributeCount(child) != 3) continue;
-        const DOMNamedNodeMap* attributes = child->getAttributes();
-        for (XMLSize_t p = 0; p < 3;) {
-            const DOMNode* attribute = attributes->item(p);
-            if (!NameIs(attribute, kName)) {
-                ++p;
-                continue;
-            }
-            // A key with fewer children than the position has no such slot.
-            if (p < slots.size()) {
-                COM_SysFreeString(slots[p]);
-                slots[p] = AllocWidened(attribute->getNodeValue());
-            }
-            p += 2;
+    Node Find(Node parent, RegStringView name) const { return FindChild(parent, name); }
+    uint32_t ChildCount(Node node) const {
+        uint32_t count = 0;
+        for (Node child = node->getFirstChild(); child; child = child->getNextSibling()) ++count;
+        return count;
+    }
+    template <class Visit>
+    void ForEachChild(Node node, Visit visit) const {
+        for (Node child = node->getFirstChild(); child && visit(child); child = child->getNextSibling()) {
         }
     }
-}
+    bool IsElement(Node node) const { return ::IsElement(node); }
+    bool NameIs(Node node, RegStringView name) const { return ::NameIs(node, name); }
+    Text Name(Node node) const { return node->getNodeName(); }
+    uint32_t AttributeCount(Node node) const {
+        const DOMNamedNodeMap* attributes = node->getAttributes();
+        return attributes ? static_cast<uint32_t>(attributes->getLength()) : 0;
+    }
+    template <class Visit>
+    void ForEachAttribute(Node node, Visit visit) const {
+        const DOMNamedNodeMap* attributes = node->getAttributes();
+        const uint32_t count = AttributeCount(node);
+        for (uint32_t i = 0; i < count; ++i) {
+            const DOMNode* attribute = attributes->item(i);
+            if (!visit(i, attribute->getNodeName(), AttributeValue(attribute))) return;
+        }
+    }
+    bool Is(Text text, RegStringView other) const { return text && RegStringView(text) == other; }
+    void Copy(Text text, RegString& out) const { out = text ? text : u""; }
+    wchar_t* Widen(Text text) const { return AllocWidened(text ? text : u""); }
+};
 
 }  // namespace
 
+int ResolveKey(const DOMNode* start, const XMLCh* path, DOMNode** out) {
+    CDomTree::Node found = nullptr;
+    if (!RegistryRules::Resolve(CDomTree(), start, path, found)) return 0;
+    *out = const_cast<DOMNode*>(found);
+    return 1;
+}
+
+int GetValue(const DOMNode* key, const XMLCh* name, RegString& type, RegString& value) {
+    return RegistryRules::GetValue(CDomTree(), key, name, type, value);
+}
+
 wchar_t** ListNames(const DOMNode* key, int kind, unsigned int& count) {
-    count = 0;
-    for (const DOMNode* child = key->getFirstChild(); child; child = child->getNextSibling())
-        ++count;
-    CVecBstr slots;
-    slots.assign(count, nullptr);
-    if (kind == 0)
-        ListKeys(key, slots);
-    else
-        ListValues(key, slots);
-    wchar_t** items = new wchar_t*[count];
-    std::copy(slots.begin(), slots.end(), items);
-    slots.clear();
-    return items;
+    return RegistryRules::ListNames(CDomTree(), key, kind, count);
 }

@@ -35,6 +35,25 @@ RegString ToUtf16(const wchar_t* text);
 // key paths and value names are stored and looked up.
 RegString EscapeKey(const wchar_t* text);
 
+// The pieces of a path between backslashes, empty ones included: the empty
+// path is one empty piece, which names no key.
+class CPathPieces {
+public:
+    explicit CPathPieces(const XMLCh* path) : m_pNext(path) {}
+
+    bool Next(RegStringView& piece) {
+        if (!m_pNext) return false;
+        const XMLCh* end = m_pNext;
+        while (*end && *end != u'\\') ++end;
+        piece = RegStringView(m_pNext, end - m_pNext);
+        m_pNext = *end ? end + 1 : nullptr;
+        return true;
+    }
+
+private:
+    const XMLCh* m_pNext;
+};
+
 // Whether every piece of the path is a legal XML element name, so that
 // CreateKey can make it. The empty piece of a leading, trailing or doubled
 // backslash is not.
@@ -78,11 +97,16 @@ int DeleteValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* n
 // nothing and sets the stream's bad bit. A node type that has no written
 // form stops the process.
 std::ostream& operator<<(std::ostream& out, const xercesc::DOMNode* node);
-// Writes the registry's document as the operator above does, reusing the
-// bytes last written for subtrees that have not changed since; `bytes`
-// views them until the next call. False, with `bytes` as it was, when the
-// document holds text that cannot be written.
-bool WriteDocument(const xercesc::DOMDocument* document, std::string_view& bytes);
+// Writes the registry's document as the operator above does, and its image
+// (whose header is left for the caller), reusing what was last written for
+// subtrees that have not changed since; `bytes` and `image` view them until
+// the next call. False, with both as they were, when the document holds
+// text that cannot be written.
+bool WriteDocument(const xercesc::DOMDocument* document, std::string_view& bytes,
+                   std::string_view& image);
+// As WriteDocument, for the image alone; a document that cannot be written
+// has none, and does not stop the process.
+bool BuildImage(const xercesc::DOMDocument* document, std::string_view& image);
 // Writes text as the writer above writes text content; text that cannot be
 // written writes nothing and sets the stream's bad bit.
 std::ostream& operator<<(std::ostream& out, const XMLCh* text);

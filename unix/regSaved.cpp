@@ -7,15 +7,19 @@
 
 using xercesc::DOMDocument;
 using xercesc::DOMNode;
+using SavedSubtrees::CAt;
+using SavedSubtrees::CKept;
+using SavedSubtrees::CSave;
 
 namespace {
 
-// A subtree's bytes in a save's document, and how many of the entries that
-// follow lie inside it.
+// A subtree's bytes in a save's document and image, the hash of its name,
+// and how many of the entries that follow lie inside it.
 struct CEntry {
     const DOMNode* node;
-    size_t offset;
-    size_t length;
+    CAt offset;
+    CAt length;
+    uint32_t hash;
     size_t inside;
 };
 
@@ -26,9 +30,9 @@ const size_t kLookAhead = 8;
 const DOMDocument* s_pDocument = nullptr;
 // The last save's document and its entries; those of the save in progress;
 // the next entry of the last save that the one in progress may reuse.
-std::string s_last;
+CSave s_last;
 std::vector<CEntry> s_lastEntries;
-std::string s_spare;
+CSave s_spare;
 std::vector<CEntry> s_entries;
 size_t s_nNext = 0;
 // Nodes changed or freed since the last save: their entries are stale. A
@@ -45,11 +49,12 @@ void Forget() {
 bool Reusable(const CEntry& entry) { return s_stale.empty() || !s_stale.count(entry.node); }
 
 // Copies the entry at `at` and those inside it, now at `offset`.
-void Carry(size_t at, size_t offset) {
-    const size_t shift = offset - s_lastEntries[at].offset;
+void Carry(size_t at, CAt offset) {
+    const CAt from = s_lastEntries[at].offset;
     for (size_t i = at; i <= at + s_lastEntries[at].inside; ++i) {
         CEntry entry = s_lastEntries[i];
-        entry.offset += shift;
+        entry.offset.bytes = entry.offset.bytes - from.bytes + offset.bytes;
+        entry.offset.image = entry.offset.image - from.image + offset.image;
         s_entries.push_back(entry);
     }
 }
@@ -63,13 +68,13 @@ void Attach(const DOMDocument* document) {
     Forget();
 }
 
-std::string TakeBuffer() {
+CSave TakeBuffers() {
     s_entries.clear();
     s_nNext = 0;
     return std::move(s_spare);
 }
 
-std::string_view Reuse(const DOMNode* element, size_t offset) {
+CKept Reuse(const DOMNode* element, CAt offset) {
     const size_t end = std::min(s_lastEntries.size(), s_nNext + kLookAhead);
     for (size_t at = s_nNext; at < end; ++at) {
         const CEntry& entry = s_lastEntries[at];
@@ -81,34 +86,37 @@ std::string_view Reuse(const DOMNode* element, size_t offset) {
         }
         Carry(at, offset);
         s_nNext = at + 1 + entry.inside;
-        return std::string_view(s_last.data() + entry.offset, entry.length);
+        return {std::string_view(s_last.bytes.data() + entry.offset.bytes, entry.length.bytes),
+                std::string_view(s_last.image.data() + entry.offset.image, entry.length.image),
+                entry.hash};
     }
     return {};
 }
 
-size_t Begin(const DOMNode* element, size_t offset) {
-    s_entries.push_back({element, offset, 0, 0});
+size_t Begin(const DOMNode* element, CAt offset, uint32_t hash) {
+    s_entries.push_back({element, offset, {0, 0}, hash, 0});
     return s_entries.size() - 1;
 }
 
-void End(size_t begun, size_t offset) {
+void End(size_t begun, CAt offset) {
     CEntry& entry = s_entries[begun];
-    entry.length = offset - entry.offset;
+    entry.length = {offset.bytes - entry.offset.bytes, offset.image - entry.offset.image};
     entry.inside = s_entries.size() - begun - 1;
 }
 
-std::string_view Finish(std::string&& buffer, size_t length) {
+void Finish(CSave&& save, CAt length, std::string_view& bytes, std::string_view& image) {
     s_spare = std::move(s_last);
-    s_last = std::move(buffer);
+    s_last = std::move(save);
     s_lastEntries.swap(s_entries);
     s_entries.clear();
     s_stale.clear();
     s_nNext = 0;
-    return std::string_view(s_last.data(), length);
+    bytes = std::string_view(s_last.bytes.data(), length.bytes);
+    image = std::string_view(s_last.image.data(), length.image);
 }
 
-void Abandon(std::string&& buffer) {
-    s_spare = std::move(buffer);
+void Abandon(CSave&& save) {
+    s_spare = std::move(save);
     Forget();
 }
 

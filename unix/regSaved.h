@@ -1,9 +1,11 @@
-// The bytes each subtree of the registry document was last saved as, so
-// that a save rewrites only what changed since the one before.
+// The bytes each subtree of the registry document was last saved as, in the
+// file and in its image, so that a save rewrites only what changed since the
+// one before.
 #ifndef VELTCOM_UNIX_REGSAVED_H
 #define VELTCOM_UNIX_REGSAVED_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -22,22 +24,41 @@ namespace SavedSubtrees {
 // Starts over for a new document; null for none.
 void Attach(const xercesc::DOMDocument* document);
 
-// Starts a save, which writes into the buffer handed out here; its size is
-// room, not content, and it keeps the capacity of an earlier save.
-std::string TakeBuffer();
+// Where a subtree's bytes stand in a save: in the file and in the image.
+struct CAt {
+    size_t bytes;
+    size_t image;
+};
+
+// A subtree's kept bytes, and the name hash its image's parent files it under.
+struct CKept {
+    std::string_view bytes;
+    std::string_view image;
+    uint32_t hash;
+};
+
+// A save's document and image.
+struct CSave {
+    std::string bytes;
+    std::string image;
+};
+
+// Starts a save, which writes into the buffers handed out here; their size
+// is room, not content, and they keep the capacity of an earlier save.
+CSave TakeBuffers();
 // The bytes `element` was written as by the last save, now recorded as
-// written again at `offset` of the save in progress; empty when unknown.
-std::string_view Reuse(const xercesc::DOMNode* element, size_t offset);
-// `element` is written anew from `offset`; End, given the number Begin
-// returns, records where its bytes end. Subtrees begun inside it are
-// recorded inside it.
-size_t Begin(const xercesc::DOMNode* element, size_t offset);
-void End(size_t begun, size_t offset);
-// Ends the save in progress, whose document is the first `length` bytes of
-// `buffer`; they stay valid until the next save ends.
-std::string_view Finish(std::string&& buffer, size_t length);
+// written again at `at` of the save in progress; empty when unknown.
+CKept Reuse(const xercesc::DOMNode* element, CAt at);
+// `element` is written anew from `at`; End, given the number Begin returns,
+// records where its bytes end. Subtrees begun inside it are recorded inside
+// it.
+size_t Begin(const xercesc::DOMNode* element, CAt at, uint32_t hash);
+void End(size_t begun, CAt at);
+// Ends the save in progress, whose document and image are the first bytes
+// of `save` that `length` counts; they stay valid until the next save ends.
+void Finish(CSave&& save, CAt length, std::string_view& bytes, std::string_view& image);
 // Ends the save in progress without a document: nothing is kept.
-void Abandon(std::string&& buffer);
+void Abandon(CSave&& save);
 
 // Something in the subtree of `node` changed: its bytes and those of every
 // node above it are stale.

@@ -7,6 +7,8 @@
 // is hard-linked to "<file>.bak".
 #include "regFile.h"
 
+#include "regImage.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -74,7 +76,8 @@ bool WriteAll(int fd, std::string_view bytes, off_t offset) {
     return true;
 }
 
-// A full disk often shows first at close, so its result counts too.
+// A full disk often shows first at close, so its result counts too. The
+// descriptor is closed whatever happens.
 bool SyncAndClose(int fd, struct stat& written) {
     const bool synced = fsync(fd) == 0 && fstat(fd, &written) == 0;
     return close(fd) == 0 && synced;
@@ -167,6 +170,25 @@ bool CFileIdentity::operator==(const CFileIdentity& other) const {
            modified.tv_nsec == other.modified.tv_nsec;
 }
 
+CFileStamp CFileStamp::Of(const struct stat& info) {
+    CFileStamp stamp;
+    stamp.device = info.st_dev;
+    stamp.inode = info.st_ino;
+    stamp.size = info.st_size;
+    stamp.modifiedSeconds = info.st_mtim.tv_sec;
+    stamp.modifiedNanoseconds = info.st_mtim.tv_nsec;
+    stamp.changedSeconds = info.st_ctim.tv_sec;
+    stamp.changedNanoseconds = info.st_ctim.tv_nsec;
+    return stamp;
+}
+
+bool CFileStamp::operator==(const CFileStamp& other) const {
+    return device == other.device && inode == other.inode && size == other.size &&
+           modifiedSeconds == other.modifiedSeconds &&
+           modifiedNanoseconds == other.modifiedNanoseconds && changedSeconds == other.changedSeconds &&
+           changedNanoseconds == other.changedNanoseconds;
+}
+
 CRegistryFile::~CRegistryFile() {
     if (m_lockFd >= 0) close(m_lockFd);
     UnmapSaveCounter(m_pSaveCounter);
@@ -223,10 +245,25 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
     }
     close(fd);
     if (n != 0) return E_FAIL;
+    Looked(info, saves);
+    m_readStamp = CFileStamp::Of(info);
+    return S_OK;
+}
+
+bool CRegistryFile::Look(CFileStamp& stamp) {
+    if (!m_pSaveCounter) MapCounter();
+    const uint64_t saves = m_pSaveCounter ? ReadSaveCounter(m_pSaveCounter) : 0;
+    struct stat info;
+    if (stat(m_path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    Looked(info, saves);
+    stamp = CFileStamp::Of(info);
+    return true;
+}
+
+void CRegistryFile::Looked(const struct stat& info, uint64_t saves) {
     m_known = CFileIdentity::Of(info);
     m_nSavesSeen = saves;
     m_nLookedAt = CoarseMilliseconds();
-    return S_OK;
 }
 
 // Made under a temporary name and linked into place, which fails rather than
@@ -236,7 +273,8 @@ HRESULT CRegistryFile::CreateMissing(const std::string& initial) {
     const int fd = CreateTemporary(m_path, temporary);
     if (fd < 0) return REGDB_E_WRITEREGDB;
     struct stat written;
-    const bool complete = WriteAll(fd, initial, 0) && SyncAndClose(fd, written);
+    const bool wrote = WriteAll(fd, initial, 0);
+    const bool complete = SyncAndClose(fd, written) && wrote;
     const bool linked = complete && (link(temporary.c_str(), m_path.c_str()) == 0 || errno == EEXIST);
     unlink(temporary.c_str());
     if (!linked) return REGDB_E_WRITEREGDB;
@@ -266,28 +304,48 @@ void CRegistryFile::SignalSave() {
     if (m_pSaveCounter && m_bCounterWritable) RaiseSaveCounter(m_pSaveCounter);
 }
 
-HRESULT CRegistryFile::Write(std::string_view bytes) {
+HRESULT CRegistryFile::Write(std::string_view bytes, CFileStamp& written) {
     std::string target;
     if (!SaveTarget(m_path, target)) return REGDB_E_WRITEREGDB;
     if (!m_bSwept) {
         RemoveAbandonedTemporaries(target);
+        RemoveAbandonedTemporaries(RegistryImage::PathFor(target));
         m_bSwept = true;
     }
     bool noTemporary = false;
-    const HRESULT hr = ReplaceAtomically(target, bytes, true, noTemporary);
+    const HRESULT hr = ReplaceAtomically(target, bytes, true, noTemporary, written);
     // A directory that takes no new file, holding a file that may be
     // written: the only way left is in place.
-    if (noTemporary && access(target.c_str(), W_OK) == 0) return WriteInPlace(target, bytes);
+    if (noTemporary && access(target.c_str(), W_OK) == 0) return WriteInPlace(target, bytes, written);
     return hr;
 }
 
+bool CRegistryFile::WriteImage(std::string_view header, std::string_view image) {
+    const std::string path = ImagePath();
+    if (path.empty() || image.size() < header.size()) return false;
+    std::string temporary;
+    const int fd = CreateTemporary(path, temporary);
+    if (fd < 0) return false;
+    const bool written = WriteAll(fd, header, 0) &&
+                         WriteAll(fd, image.substr(header.size()), static_cast<off_t>(header.size()));
+    if (close(fd) == 0 && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
+    unlink(temporary.c_str());
+    return false;
+}
+
 bool CRegistryFile::Target(std::string& target) const { return SaveTarget(m_path, target); }
+
+std::string CRegistryFile::ImagePath() const {
+    std::string target;
+    return SaveTarget(m_path, target) ? RegistryImage::PathFor(target) : std::string();
+}
 
 HRESULT CRegistryFile::Restore(std::string_view bytes) {
     std::string target;
     if (!Target(target)) return REGDB_E_WRITEREGDB;
     bool noTemporary = false;
-    const HRESULT hr = ReplaceAtomically(target, bytes, false, noTemporary);
+    CFileStamp written;
+    const HRESULT hr = ReplaceAtomically(target, bytes, false, noTemporary, written);
     if (FAILED(hr)) return hr;
     // Running processes read the restored file at their next Open.
     if (!m_pSaveCounter) MapCounter();
@@ -296,7 +354,7 @@ HRESULT CRegistryFile::Restore(std::string_view bytes) {
 }
 
 HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, std::string_view bytes,
-                                         bool keepBackup, bool& noTemporary) {
+                                         bool keepBackup, bool& noTemporary, CFileStamp& stamp) {
     struct stat original;
     const bool exists = stat(target.c_str(), &original) == 0;
     std::string temporary;
@@ -306,26 +364,30 @@ HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, std::string_
         return REGDB_E_WRITEREGDB;
     }
     if (exists) CopyOwnerAndMode(fd, original);
+    // The rename moves the file's change time: its stamp is taken after it,
+    // through a descriptor that outlives the checked close.
+    const int kept = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     struct stat written;
-    const bool complete = WriteAll(fd, bytes, 0) && SyncAndClose(fd, written);
-    if (!complete) {
-        unlink(temporary.c_str());
-        return REGDB_E_WRITEREGDB;
-    }
-    if (exists && keepBackup) KeepBackup(target, temporary);
-    if (rename(temporary.c_str(), target.c_str()) != 0) {
+    const bool wrote = WriteAll(fd, bytes, 0);
+    const bool complete = SyncAndClose(fd, written) && wrote && kept >= 0;
+    if (complete && exists && keepBackup) KeepBackup(target, temporary);
+    if (!complete || rename(temporary.c_str(), target.c_str()) != 0) {
+        if (kept >= 0) close(kept);
         unlink(temporary.c_str());
         return REGDB_E_WRITEREGDB;
     }
     SyncDirectory(DirectoryOf(target));
     m_known = CFileIdentity::Of(written);
+    if (fstat(kept, &written) == 0) stamp = CFileStamp::Of(written);
+    close(kept);
     return S_OK;
 }
 
 // The space is reserved first, so that a full disk or a size limit fails
 // before the old content is touched. A crash in the middle of this write
 // can still damage the file: there is no other way in such a directory.
-HRESULT CRegistryFile::WriteInPlace(const std::string& target, std::string_view bytes) {
+HRESULT CRegistryFile::WriteInPlace(const std::string& target, std::string_view bytes,
+                                    CFileStamp& stamp) {
     const int fd = open(target.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) return REGDB_E_WRITEREGDB;
     struct stat before;
@@ -342,11 +404,12 @@ HRESULT CRegistryFile::WriteInPlace(const std::string& target, std::string_view 
         return REGDB_E_WRITEREGDB;
     }
     struct stat written;
-    const bool complete = WriteAll(fd, bytes, 0) &&
-                          ftruncate(fd, static_cast<off_t>(bytes.size())) == 0 &&
-                          SyncAndClose(fd, written);
+    const bool wrote =
+        WriteAll(fd, bytes, 0) && ftruncate(fd, static_cast<off_t>(bytes.size())) == 0;
+    const bool complete = SyncAndClose(fd, written) && wrote;
     if (!complete) return REGDB_E_WRITEREGDB;
     m_known = CFileIdentity::Of(written);
+    stamp = CFileStamp::Of(written);
     return S_OK;
 }
 

@@ -61,6 +61,22 @@ struct CFileIdentity {
     bool operator!=(const CFileIdentity& other) const { return !(*this == other); }
 };
 
+// What names one version of the file for its image. A save makes a new
+// file; any write to a file moves its change time, which, unlike the
+// modification time, no one can set back.
+struct CFileStamp {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    int64_t size = 0;
+    int64_t modifiedSeconds = 0;
+    int64_t modifiedNanoseconds = 0;
+    int64_t changedSeconds = 0;
+    int64_t changedNanoseconds = 0;
+
+    static CFileStamp Of(const struct stat& info);
+    bool operator==(const CFileStamp& other) const;
+};
+
 // How long a writer waits for the writers' lock, and a thread for another
 // thread's transaction: VELTCOM_REGISTRY_WAIT_MS when it holds a number of
 // milliseconds (at most a year's worth), otherwise 10 seconds.
@@ -85,6 +101,10 @@ public:
     // existing file that cannot be read gives E_FAIL and is left alone.
     HRESULT Read(std::string& content, const std::string& initial);
 
+    // Looks at the file without reading it, as Read would have: Changed and
+    // Outdated then compare with what it found. False when it is not there.
+    bool Look(CFileStamp& stamp);
+
     // Whether the file on disk is not the one this process last read or
     // wrote. One stat.
     bool Changed() const;
@@ -100,8 +120,18 @@ public:
     void Forget() { m_known.known = false; }
 
     // Replaces the file's content, or returns REGDB_E_WRITEREGDB with the file
-    // as it was. See ReplaceAtomically and WriteInPlace.
-    HRESULT Write(std::string_view bytes);
+    // as it was. See ReplaceAtomically and WriteInPlace. `written` receives
+    // the stamp of the file written.
+    HRESULT Write(std::string_view bytes, CFileStamp& written);
+    // Puts the image, `header` and then `image` from the header's size on,
+    // beside the file a save replaces, atomically but without waiting for
+    // the disk: an image that a crash loses is rebuilt. False when it cannot
+    // be written.
+    bool WriteImage(std::string_view header, std::string_view image);
+    // Where that image is; empty when a link cannot be followed.
+    std::string ImagePath() const;
+    // The stamp of the file as Read last read it.
+    const CFileStamp& ReadStamp() const { return m_readStamp; }
 
     // The file that saves replace: the path itself, or the file a symbolic
     // link there leads to, beside which the backup and the lock file sit.
@@ -140,13 +170,15 @@ public:
 private:
     HRESULT CreateMissing(const std::string& initial);
     HRESULT ReplaceAtomically(const std::string& target, std::string_view bytes, bool keepBackup,
-                              bool& noTemporary);
-    HRESULT WriteInPlace(const std::string& target, std::string_view bytes);
+                              bool& noTemporary, CFileStamp& written);
+    HRESULT WriteInPlace(const std::string& target, std::string_view bytes, CFileStamp& written);
+    void Looked(const struct stat& info, uint64_t saves);
     int LockDescriptor();
     void MapCounter();
 
     std::string m_path;
     CFileIdentity m_known;
+    CFileStamp m_readStamp;
     int m_lockFd = -1;
     pid_t m_lockOwner = 0;
     // Whether this process has cleared away the temporary files of writers

@@ -76,6 +76,18 @@ bool WriteAll(int fd, std::string_view bytes, off_t offset) {
     return true;
 }
 
+// Writes in pieces of 64 kB. The page cache keeps a file in blocks no
+// larger than the writes that made them, and a fault on a mapping maps the
+// whole block around it: a reader of an image written in one piece would
+// map a megabyte for each look-up.
+bool WriteInPieces(int fd, std::string_view bytes, off_t offset) {
+    const size_t kPiece = size_t(1) << 16;
+    for (size_t done = 0; done < bytes.size(); done += kPiece) {
+        if (!WriteAll(fd, bytes.substr(done, kPiece), offset + static_cast<off_t>(done))) return false;
+    }
+    return true;
+}
+
 // A full disk often shows first at close, so its result counts too. The
 // descriptor is closed whatever happens.
 bool SyncAndClose(int fd, struct stat& written) {
@@ -327,7 +339,7 @@ bool CRegistryFile::WriteImage(std::string_view header, std::string_view image) 
     const int fd = CreateTemporary(path, temporary);
     if (fd < 0) return false;
     const bool written = WriteAll(fd, header, 0) &&
-                         WriteAll(fd, image.substr(header.size()), static_cast<off_t>(header.size()));
+                         WriteInPieces(fd, image.substr(header.size()), static_cast<off_t>(header.size()));
     if (close(fd) == 0 && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
     unlink(temporary.c_str());
     return false;

@@ -1,9 +1,12 @@
 // The registry's figures at one size: activation and ProgID lookup with the
-// target class first and last, a registry load in a fresh process, and one
-// change, each beside its anchor. The registry object is one per process, so
-// each size runs in a process of its own:
+// target class first and last, a registry load and a first activation in a
+// fresh process, and one change, each beside its anchor. The registry object
+// is one per process, so each size runs in a process of its own:
 //
-//   bench_registry --classes=<n> --scratch=<directory> [benchmark options]
+//   bench_registry --classes=<n> --scratch=<directory> [--first-activation-only] [benchmark options]
+//
+// --first-activation-only keeps to a fresh process's first activation, its
+// floor and the memory it adds, for sizes where the other figures take long.
 #include <benchmark/benchmark.h>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
@@ -14,10 +17,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "benchClasses.h"
 #include "registryGenerator.h"
@@ -27,6 +32,7 @@ namespace {
 struct Options {
     uint32_t classes = 10;
     std::string scratch;
+    bool firstActivationOnly = false;
 };
 
 Options g_options;
@@ -84,6 +90,65 @@ void InChild(benchmark::State& state, const char* mode) {
         }
         state.SetIterationTime(std::strtod(output.c_str(), nullptr) / 1e9);
     }
+}
+
+// A fresh process's first activation and its floor, run one after the other
+// in alternating order so that whatever else the machine does falls on both.
+struct Pair {
+    double activationNs = 0, floorNs = 0;
+    double activationRss = 0, floorRss = 0;
+};
+
+std::vector<Pair> g_pairs;
+
+// Runs a child that prints nanoseconds and resident bytes.
+bool TimeChild(const char* mode, double& ns, double& rss) {
+    std::string output;
+    if (!bench::RunChild(BENCH_CHILD_PATH, g_directory, mode, nullptr, output)) return false;
+    char* end = nullptr;
+    ns = std::strtod(output.c_str(), &end);
+    rss = std::strtod(end, nullptr);
+    return ns > 0 && rss > 0;
+}
+
+// Pair number `index`, run when no figure has asked for it yet: the figures
+// take their samples from the same pairs, each figure's repetition the next
+// ones. Null when a child failed.
+const Pair* PairAt(size_t index) {
+    while (g_pairs.size() <= index) {
+        Pair pair;
+        const bool floorFirst = g_pairs.size() % 2 == 0;
+        const bool ran = floorFirst ? TimeChild("floor", pair.floorNs, pair.floorRss) &&
+                                          TimeChild("first-activation", pair.activationNs, pair.activationRss)
+                                    : TimeChild("first-activation", pair.activationNs, pair.activationRss) &&
+                                          TimeChild("floor", pair.floorNs, pair.floorRss);
+        if (!ran) return nullptr;
+        g_pairs.push_back(pair);
+    }
+    return &g_pairs[index];
+}
+
+double Median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+// first_activation/n carries the memory the registry adds, rss_added: the
+// median over its samples of the difference to the floor's process.
+void FirstActivationOrFloor(benchmark::State& state, bool activation) {
+    static size_t nextPair[2];  // per figure: floor, first activation
+    std::vector<double> added;
+    for (auto _ : state) {
+        const Pair* pair = PairAt(nextPair[activation]++);
+        if (!pair) {
+            state.SkipWithError("the helper process failed");
+            break;
+        }
+        state.SetIterationTime((activation ? pair->activationNs : pair->floorNs) / 1e9);
+        if (activation) added.push_back(pair->activationRss - pair->floorRss);
+    }
+    if (!added.empty()) state.counters["rss_added"] = Median(added);
 }
 
 void BareParse(benchmark::State& state) {
@@ -191,9 +256,18 @@ void WriteInstalledBytes(benchmark::State& state) {
 void WriteFileBytes(benchmark::State& state) { WriteCarefully(state, bench::ReadFile(g_directory + "/Registry.XML")); }
 
 // Loads from a fresh process take long at large sizes; a few samples do.
-int LoadSamples() { return g_options.classes >= 10000 ? 5 : g_options.classes >= 1000 ? 10 : 20; }
+int LoadSamples() {
+    return g_options.classes >= 100000 ? 3 : g_options.classes >= 10000 ? 5 : g_options.classes >= 1000 ? 10 : 20;
+}
 
 void RegisterBenchmarks() {
+    benchmark::RegisterBenchmark(Name("first_activation").c_str(), FirstActivationOrFloor, true)
+        ->UseManualTime()
+        ->Iterations(LoadSamples());
+    benchmark::RegisterBenchmark(Name("floor").c_str(), FirstActivationOrFloor, false)
+        ->UseManualTime()
+        ->Iterations(LoadSamples());
+    if (g_options.firstActivationOnly) return;
     const uint32_t last = g_options.classes - 1;
     benchmark::RegisterBenchmark(Name("activate_first").c_str(), Activate, 0u);
     benchmark::RegisterBenchmark(Name("activate_last").c_str(), Activate, last);
@@ -221,6 +295,8 @@ bool TakeOptions(int& argc, char** argv) {
             g_options.classes = static_cast<uint32_t>(std::strtoul(arg + 10, nullptr, 10));
         } else if (std::strncmp(arg, "--scratch=", 10) == 0) {
             g_options.scratch = arg + 10;
+        } else if (std::strcmp(arg, "--first-activation-only") == 0) {
+            g_options.firstActivationOnly = true;
         } else {
             argv[kept++] = argv[i];
         }
@@ -242,6 +318,14 @@ bool Prepare() {
         return false;
     }
     setenv("COMLIB", g_directory.c_str(), 1);
+    // The first process to read a new file may rebuild what later ones only
+    // read: the figures are those of the processes after it.
+    std::string output;
+    if (!bench::RunChild(BENCH_CHILD_PATH, g_directory, "first-activation", nullptr, output)) {
+        std::fprintf(stderr, "the first generated class cannot be activated in a fresh process\n");
+        return false;
+    }
+    if (g_options.firstActivationOnly) return true;
     g_pristine = bench::ReadFile(g_directory + "/Registry.XML");
     // Loads the registry and the component once: the figures are those of a
     // process that has both.
@@ -258,7 +342,9 @@ bool Prepare() {
 
 int main(int argc, char** argv) {
     if (!TakeOptions(argc, argv)) {
-        std::fprintf(stderr, "usage: %s --classes=<n> --scratch=<directory> [benchmark options]\n", argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s --classes=<n> --scratch=<directory> [--first-activation-only] [benchmark options]\n",
+                     argv[0]);
         return 2;
     }
     // Absolute, since the process moves into the registry's directory.

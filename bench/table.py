@@ -19,7 +19,13 @@ MS = 1e-3
 # Figures that wait on a disk or on another process are read in wall-clock
 # time; everything else in CPU time, which a busy machine disturbs less.
 WALL_CLOCK = ("load/", "xerces_init/", "change/", "write_fsync_rename/", "register_200/",
-              "write_fsync_rename_installed/")
+              "write_fsync_rename_installed/", "first_activation/", "floor/")
+
+# Counters that stand as figures of their own: <counter>/<size>, read from the
+# runs of <figure>/<size>.
+COUNTERS = {"first_activation": "rss_added"}
+
+MIB = 1 << 20
 
 
 def base_name(run_name):
@@ -45,6 +51,10 @@ def read_runs(paths):
             field = "real_time" if name.startswith(WALL_CLOCK) else "cpu_time"
             scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}[run["time_unit"]]
             runs.setdefault(name, []).append(run[field] * scale)
+            figure, _, size = name.partition("/")
+            counter = COUNTERS.get(figure)
+            if counter in run:
+                runs.setdefault(f"{counter}/{size}", []).append(run[counter])
     return {name: statistics.median(values) for name, values in runs.items()}, errors
 
 
@@ -55,6 +65,13 @@ def show_time(seconds):
         if seconds >= size:
             return f"{seconds / size:.3g} {unit}"
     return f"{seconds * 1e9:.3g} ns"
+
+
+def show_bytes(count):
+    for unit, size in (("MiB", MIB), ("KiB", 1 << 10)):
+        if abs(count) >= size:
+            return f"{count / size:.3g} {unit}"
+    return f"{count:.0f} B"
 
 
 class Row:
@@ -86,6 +103,21 @@ class Row:
         met = ("yes" if all(checks) else "no") if checks else "—"
         return [self.figure, show_time(value), self.anchor or "—", show_time(anchor),
                 f"{ratio:.2f}×" if ratio is not None else "—", self.goal_text(), met]
+
+
+class MemoryRow:
+    """Resident memory a figure adds, against a limit; it has no anchor of its
+    own, since it is already a difference to one."""
+
+    def __init__(self, figure, limit):
+        self.figure, self.limit = figure, limit
+
+    def cells(self, figures):
+        value = figures.get(self.figure)
+        if value is None:
+            return None
+        return [self.figure, show_bytes(value), "—", "—", "—", "≤ " + show_bytes(self.limit),
+                "yes" if value <= self.limit else "no"]
 
 
 def rows():
@@ -124,6 +156,11 @@ def rows():
     # but empty), and into a large one beside one careful write of its result.
     table.append(Row("register_200/10", "write_fsync_rename_installed/10", time_goal=50 * MS))
     table.append(Row("register_200/10000", "write_fsync_rename_installed/10000", ratio_goal=3))
+    # A fresh process's first activation beside the same object loaded by
+    # path, and the memory the registry adds to that process.
+    for size in (10, 1000, 10000, 100000):
+        table.append(Row(f"first_activation/{size}", f"floor/{size}", ratio_goal=2))
+        table.append(MemoryRow(f"rss_added/{size}", MIB))
     return table
 
 

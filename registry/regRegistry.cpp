@@ -225,15 +225,60 @@ void CXMLRegistry::UseImage(std::unique_ptr<CRegistryImage> image) {
 // process meanwhile has written an image of its own. A process that cannot
 // write the image reads on from its document.
 void CXMLRegistry::RebuildImage() {
-    std::string_view image;
+    CWritten written;
     CFileStamp now;
-    const CFileStamp& parsed = m_spFile->ReadStamp();
-    if (!BuildImage(Document(), image) || image.size() > UINT32_MAX) return;
-    if (!m_spFile->Look(now) || !(now == parsed)) return;
-    const std::string header = RegistryImage::Header(image.size(), RegistryImage::kHeaderSize, parsed);
-    if (!m_spFile->WriteImage(header, image)) return;
+    const CFileStamp parsed = m_spFile->ReadStamp();
+    if (!BuildImage(Document(), written)) return;
+    if (!m_spFile->Look(now) || !(now == parsed) || !WriteNewImage(written, parsed)) return;
     if (std::unique_ptr<CRegistryImage> mapped = CRegistryImage::Map(m_spFile->ImagePath(), parsed))
         UseImage(std::move(mapped));
+}
+
+// A new image file, which later saves of this process append to. An image
+// too large for its offsets is not written: the one on disk then no longer
+// describes the file.
+bool CXMLRegistry::WriteNewImage(const CWritten& written, const CFileStamp& file) {
+    m_image = CImageWritten();
+    RegistryImage::CSlot slot;
+    slot.sequence = 1;
+    slot.used = RegistryImage::kHeaderSize + written.image.size();
+    slot.root = written.root;
+    slot.file = file;
+    if (slot.used > UINT32_MAX) return false;
+    std::string header(RegistryImage::kHeaderSize, '\0');
+    header.replace(RegistryImage::SlotOffset(slot.sequence), RegistryImage::kSlotSize,
+                   RegistryImage::SlotBytes(slot));
+    if (!m_spFile->WriteImage(header, written.image, m_image.file)) return false;
+    m_image.sequence = slot.sequence;
+    m_image.live = slot.used;
+    return true;
+}
+
+// The records a save did not find in the image go at its end, and the older
+// slot names them. Where that cannot be done, the whole image is written anew.
+void CXMLRegistry::SaveImage(CWritten& written, const CFileStamp& file, bool append) {
+    if (append) {
+        RegistryImage::CSlot slot;
+        slot.sequence = m_image.sequence + 1;
+        slot.used = m_image.file.size + written.image.size();
+        slot.root = written.root;
+        slot.file = file;
+        if (slot.used <= UINT32_MAX &&
+            m_spFile->AppendImage(m_image.file, written.image, RegistryImage::SlotBytes(slot),
+                                  RegistryImage::SlotOffset(slot.sequence))) {
+            m_image.sequence = slot.sequence;
+            return;
+        }
+        if (!BuildImage(Document(), written)) return;
+    }
+    // A directory where no image can be made gets no more tries.
+    m_bImagesWritable = WriteNewImage(written, file);
+}
+
+// Appending is worth it while the records no longer in use stay fewer than
+// those in use.
+bool CXMLRegistry::ImageAppendable() const {
+    return m_image.sequence != 0 && m_image.file.size < 2 * m_image.live + (uint64_t(1) << 20);
 }
 
 // The image read so far turned out damaged: the file is read instead.
@@ -286,6 +331,10 @@ HRESULT CXMLRegistry::Parse(std::string_view content) {
         m_spParser.Reset(parser.Detach());
         m_spErrorHandler.Reset(handler.Detach());
         m_spImage.reset();
+        // The records kept for appending to the image went with the old
+        // document.
+        m_image = CImageWritten();
+        m_bImagesWritable = true;
     } catch (const xercesc::XMLException& e) {
         return REGDB_E_PARSEBASE | e.getCode();
     } catch (const std::bad_alloc&) {
@@ -301,16 +350,19 @@ HRESULT CXMLRegistry::Parse(std::string_view content) {
 }
 
 HRESULT CXMLRegistry::UpdateRegistryOnDisk() {
-    std::string_view bytes, image;
-    if (!WriteDocument(Document(), bytes, image)) return REGDB_E_WRITEREGDB;
-    CFileStamp written;
-    const HRESULT hr = m_spFile->Write(bytes, written);
+    const bool append = m_bImagesWritable && ImageAppendable();
+    // A new image holds every record: none is kept from before.
+    if (m_bImagesWritable && !append) SavedSubtrees::Attach(Document());
+    const uint32_t base = !m_bImagesWritable ? 0
+                          : append            ? static_cast<uint32_t>(m_image.file.size)
+                                              : static_cast<uint32_t>(RegistryImage::kHeaderSize);
+    CWritten written;
+    if (!WriteDocument(Document(), base, written)) return REGDB_E_WRITEREGDB;
+    CFileStamp file;
+    const HRESULT hr = m_spFile->Write(written.bytes, file);
     if (FAILED(hr)) return hr;
-    // An image too large to describe is not written; the one on disk no
-    // longer describes the file.
-    if (image.size() <= UINT32_MAX)
-        m_spFile->WriteImage(RegistryImage::Header(image.size(), RegistryImage::kHeaderSize, written), image);
-    if (++m_nChangesSinceLoad >= kChangesBeforeCompaction) Parse(bytes);
+    if (m_bImagesWritable) SaveImage(written, file, append);
+    if (++m_nChangesSinceLoad >= kChangesBeforeCompaction) Parse(written.bytes);
     return S_OK;
 }
 

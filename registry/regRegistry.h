@@ -112,6 +112,9 @@ private:
     HRESULT Load();
     void UseImage(std::unique_ptr<CRegistryImage> image);
     void RebuildImage();
+    bool WriteNewImage(const CWritten& written, const CFileStamp& file);
+    void SaveImage(CWritten& written, const CFileStamp& file, bool append);
+    bool ImageAppendable() const;
     void DropImage();
     HRESULT StartXmlLibrary();
     HRESULT Reload();
@@ -148,6 +151,15 @@ private:
     utlAutoPtr<xercesc::ErrorHandler> m_spErrorHandler;
     std::unique_ptr<CRegistryImage> m_spImage;
     bool m_bXmlStarted = false;
+    // The image as this process last wrote it, which its next save appends
+    // to; sequence 0 when there is none. `live` is its size when it was
+    // written whole.
+    struct CImageWritten {
+        CRegistryFile::CImageFile file;
+        uint64_t sequence = 0;
+        uint64_t live = 0;
+    } m_image;
+    bool m_bImagesWritable = true;
 
     // The open transaction, when depth is not 0: the thread that began it,
     // the Begins it has not ended yet, the writers' lock it holds, whether

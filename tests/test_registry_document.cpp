@@ -14,6 +14,7 @@
 #include <xercesc/util/PlatformUtils.hpp>
 
 #include "registry/regRegistry.h"
+#include "imageSupport.h"
 #include "testSupport.h"
 #include "unix/regErrorHandler.h"
 #include "unix/regHelper.h"
@@ -66,6 +67,21 @@ protected:
     }
 
     std::string Tree() const { return Written(m_root); }
+
+    // Saves as the registry does, appending to the image: true when the
+    // bytes are those a fresh write gives, and the image shows what the
+    // document does.
+    ::testing::AssertionResult Save(imagetest::CImageFile& image) {
+        CWritten written;
+        if (!WriteDocument(m_doc, image.Base(), written)) return ::testing::AssertionFailure() << "not written";
+        if (written.bytes != Written(m_doc)) return ::testing::AssertionFailure() << "bytes differ";
+        image.Add(written);
+        const std::unique_ptr<CRegistryImage> mapped = image.Map();
+        if (!mapped) return ::testing::AssertionFailure() << "image refused";
+        const std::string problem = imagetest::Disagreement(m_doc, *mapped);
+        if (!problem.empty()) return ::testing::AssertionFailure() << problem;
+        return ::testing::AssertionSuccess();
+    }
 
     // The value as "type=value", or "-" on a miss.
     std::u16string Value(const DOMNode* key, const XMLCh* name) const {
@@ -203,18 +219,16 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
     }
     Load(text + "</Wide></r>");
     SavedSubtrees::Attach(m_doc);
-    std::string_view bytes, image;
-    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
+    imagetest::CImageFile image;
+    ASSERT_TRUE(Save(image));
     // The memory of a freed key comes back as the next key made, in the
     // place the freed one had.
     DOMNode* key = nullptr;
     ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K59"));
     ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\Fresh", &key));
-    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
-    ASSERT_EQ(bytes, Written(m_doc));
+    ASSERT_TRUE(Save(image));
     ASSERT_TRUE(DeleteKey(m_root, u"Wide\\K45\\N3"));
-    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
-    ASSERT_EQ(bytes, Written(m_doc));
+    ASSERT_TRUE(Save(image));
 
     std::mt19937 random(12345);
     auto pick = [&](int n) { return std::to_string(random() % n); };
@@ -238,18 +252,17 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
                 SetValue(m_doc, key, name, u"string", std::u16string(value.begin(), value.end()).c_str());
             }
         }
-        ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
-        ASSERT_EQ(bytes, Written(m_doc)) << "step " << step;
+        ASSERT_TRUE(Save(image)) << "step " << step;
     }
 
     ASSERT_TRUE(CreateKey(m_doc, m_root, u"Wide\\K50\\Bad", &key));
     SetValue(m_doc, key, u"v", u"string", u"\xD800");
-    bytes = "as it was";
-    EXPECT_FALSE(WriteDocument(m_doc, bytes, image));
-    EXPECT_EQ(bytes, "as it was");
+    CWritten written;
+    written.bytes = "as it was";
+    EXPECT_FALSE(WriteDocument(m_doc, image.Base(), written));
+    EXPECT_EQ(written.bytes, "as it was");
     DeleteValue(m_doc, key, u"v");
-    ASSERT_TRUE(WriteDocument(m_doc, bytes, image));
-    EXPECT_EQ(bytes, Written(m_doc));
+    EXPECT_TRUE(Save(image));
     SavedSubtrees::Attach(nullptr);
 }
 

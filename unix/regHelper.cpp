@@ -384,31 +384,36 @@ ImageText TextOf(const XMLCh* text) { return text ? ImageText(text) : ImageText(
 class CDocumentWriter {
 public:
     CDocumentWriter() : m_reuseSaved(false) {}
-    // Writes the registry's document and its image into `room`, reusing kept
-    // bytes.
-    explicit CDocumentWriter(SavedSubtrees::CSave room)
-        : m_reuseSaved(true), m_out(std::move(room.bytes)), m_image(new CImageBuilder(std::move(room.image))) {}
+    // Writes the registry's document into `room`, reusing kept bytes; and,
+    // unless `imageBase` is 0, the records of its image that are not kept,
+    // to go into the image from `imageBase` on.
+    CDocumentWriter(SavedSubtrees::CSave room, uint32_t imageBase)
+        : m_reuseSaved(true),
+          m_out(std::move(room.bytes)),
+          m_image(imageBase ? new CImageBuilder(std::move(room.image), imageBase) : nullptr) {}
 
     WriteResult Write(const DOMNode* root) {
         const DOMNode* node = root;
         for (;;) {
-            const SavedSubtrees::CAt start = At();
+            const size_t start = m_out.Size();
             const bool saves = Saves(node);
-            const SavedSubtrees::CKept saved = saves ? SavedSubtrees::Reuse(node, start) : SavedSubtrees::CKept();
-            if (!saved.bytes.empty()) {
-                m_out.Append(saved.bytes.data(), saved.bytes.size());
-                m_image->Append(saved.image, saved.hash);
+            const SavedSubtrees::CKept kept =
+                saves ? SavedSubtrees::Reuse(node, start, Records()) : SavedSubtrees::CKept();
+            if (!kept.bytes.empty()) {
+                m_out.Append(kept.bytes.data(), kept.bytes.size());
+                if (Records()) m_image->Reuse(kept.record.offset, kept.record.hash, TextOf(node->getNodeName()));
             } else {
                 bool descend = false;
                 if (!Open(node, descend)) return WriteResult::UnknownNodeType;
-                const size_t begun = saves ? SavedSubtrees::Begin(node, start, m_image->LastHash()) : kNotSaved;
+                COpen opened{node, 0, saves ? SavedSubtrees::Begin(node, start) : kNotSaved, descend,
+                             RecordState::None, 0};
+                OpenRecord(opened);
                 if (descend) {
-                    m_open.push_back({node, 0, begun});
+                    m_open.push_back(opened);
                     node = node->getFirstChild();
                     continue;
                 }
-                if (m_image) m_image->End();
-                if (saves) SavedSubtrees::End(begun, At());
+                Ended(opened);
             }
             // Close every node whose subtree is done, up to one with a next
             // sibling.
@@ -424,16 +429,19 @@ public:
                 m_open.pop_back();
                 node = parent.node;
                 Close(node);
-                if (m_image) m_image->End();
-                if (parent.begun != kNotSaved) SavedSubtrees::End(parent.begun, At());
+                Ended(parent);
             }
         }
     }
 
     const CByteBuffer& Bytes() const { return m_out; }
-
-    SavedSubtrees::CAt At() const { return {m_out.Size(), m_image ? m_image->Offset() : 0}; }
-    SavedSubtrees::CSave TakeBuffers() { return {m_out.Take(), m_image->Take()}; }
+    size_t Size() const { return m_out.Size(); }
+    size_t ImageSize() const { return m_image ? m_image->Size() : 0; }
+    // The record of the node written last, the document when it is done.
+    uint32_t LastRecord() const { return m_nLastRecord; }
+    SavedSubtrees::CSave TakeBuffers() {
+        return {m_out.Take(), m_image ? m_image->Take() : std::string()};
+    }
 
 private:
     // Room made before each text, so that names and values of usual length
@@ -443,11 +451,19 @@ private:
     static const size_t kSavedFrom = 32;
     static const size_t kNotSaved = SIZE_MAX;
 
-    // An element whose children are being written.
+    // What became of a node's record: none is written, it is being written,
+    // or the image holds it already, and with it the records of its whole
+    // subtree.
+    enum class RecordState { None, Opened, Kept };
+
+    // A node whose children are being written.
     struct COpen {
         const DOMNode* node;
         size_t children;  // written so far
         size_t begun;     // its kept bytes' number, when they are kept
+        bool parent;
+        RecordState record;
+        uint32_t hash;
     };
 
     bool Saves(const DOMNode* node) const {
@@ -455,29 +471,50 @@ private:
                node->getNodeType() == DOMNode::ELEMENT_NODE;
     }
 
-    // Writes what comes before the node's children; `descend` tells whether
-    // it has children to write. False for a node type with no written form.
-    bool Open(const DOMNode* node, bool& descend) {
-        if (!WriteOpen(node, descend)) return false;
-        if (m_image) OpenRecord(node, descend);
-        return true;
-    }
+    // Whether records are being written: there is an image, and this part of
+    // it is not kept whole.
+    bool Records() const { return m_image && m_nKeptDepth == 0; }
 
-    // The node's record in the image, its children's to follow.
-    void OpenRecord(const DOMNode* node, bool descend) {
-        const auto type = static_cast<uint8_t>(node->getNodeType());
-        const DOMNamedNodeMap* attributes = node->getAttributes();
+    // A key with children that has not changed keeps its record; any other
+    // node gets one anew.
+    void OpenRecord(COpen& node) {
+        if (!Records()) return;
+        SavedSubtrees::CRecord kept;
+        if (node.parent && node.begun == kNotSaved && SavedSubtrees::ReuseRecord(node.node, kept)) {
+            m_image->Reuse(kept.offset, kept.hash, TextOf(node.node->getNodeName()));
+            m_nLastRecord = kept.offset;
+            node.record = RecordState::Kept;
+            ++m_nKeptDepth;
+            return;
+        }
+        const auto type = static_cast<uint8_t>(node.node->getNodeType());
+        m_image->Open(type, node.parent, TextOf(node.node->getNodeName()));
+        const DOMNamedNodeMap* attributes = node.node->getAttributes();
         const XMLSize_t count = attributes ? attributes->getLength() : 0;
-        m_image->Open(type, descend, TextOf(node->getNodeName()),
-                      type == DOMNode::ELEMENT_NODE ? ImageText() : TextOf(node->getNodeValue()),
-                      static_cast<uint32_t>(count));
         for (XMLSize_t i = 0; i < count; ++i) {
             const DOMNode* attribute = attributes->item(i);
             m_image->Attribute(TextOf(attribute->getNodeName()), TextOf(AttributeValue(attribute)));
         }
+        node.record = RecordState::Opened;
+        node.hash = m_image->LastHash();
     }
 
-    bool WriteOpen(const DOMNode* node, bool& descend) {
+    // Ends the node's record, and keeps what it wrote for the next save.
+    void Ended(const COpen& node) {
+        SavedSubtrees::CRecord record;
+        if (node.record == RecordState::Opened) {
+            record = {m_image->End(), node.hash};
+            m_nLastRecord = record.offset;
+            if (node.parent && node.begun == kNotSaved) SavedSubtrees::Recorded(node.node, record);
+        } else if (node.record == RecordState::Kept) {
+            --m_nKeptDepth;
+        }
+        if (node.begun != kNotSaved) SavedSubtrees::End(node.begun, m_out.Size(), record);
+    }
+
+    // Writes what comes before the node's children; `descend` tells whether
+    // it has children to write. False for a node type with no written form.
+    bool Open(const DOMNode* node, bool& descend) {
         switch (node->getNodeType()) {
         case DOMNode::ELEMENT_NODE:
             OpenElement(node);
@@ -580,6 +617,9 @@ private:
     const bool m_reuseSaved;
     CByteBuffer m_out;
     std::unique_ptr<CImageBuilder> m_image;
+    // How many open nodes keep their records whole.
+    size_t m_nKeptDepth = 0;
+    uint32_t m_nLastRecord = 0;
     std::vector<COpen> m_open;
     bool m_textWritable = true;
 };
@@ -605,22 +645,24 @@ std::ostream& operator<<(std::ostream& out, const DOMNode* node) {
 
 namespace {
 
-WriteResult WriteWithImage(const DOMDocument* document, std::string_view& bytes, std::string_view& image) {
-    CDocumentWriter writer(SavedSubtrees::TakeBuffers());
+WriteResult WriteWithImage(const DOMDocument* document, uint32_t imageBase, CWritten& written) {
+    CDocumentWriter writer(SavedSubtrees::TakeBuffers(), imageBase);
     const WriteResult result = writer.Write(document);
     if (result != WriteResult::Written) {
         SavedSubtrees::Abandon(writer.TakeBuffers());
         return result;
     }
-    const SavedSubtrees::CAt size = writer.At();
-    SavedSubtrees::Finish(writer.TakeBuffers(), size, bytes, image);
+    const size_t size = writer.Size();
+    const size_t imageSize = writer.ImageSize();
+    written.root = writer.LastRecord();
+    SavedSubtrees::Finish(writer.TakeBuffers(), size, imageSize, written.bytes, written.image);
     return result;
 }
 
 }  // namespace
 
-bool WriteDocument(const DOMDocument* document, std::string_view& bytes, std::string_view& image) {
-    const WriteResult result = WriteWithImage(document, bytes, image);
+bool WriteDocument(const DOMDocument* document, uint32_t imageBase, CWritten& written) {
+    const WriteResult result = WriteWithImage(document, imageBase, written);
     if (result == WriteResult::UnknownNodeType) {
         // Stops the process as the operator above does, in its words.
         std::ostream nowhere(nullptr);
@@ -629,9 +671,9 @@ bool WriteDocument(const DOMDocument* document, std::string_view& bytes, std::st
     return result == WriteResult::Written;
 }
 
-bool BuildImage(const DOMDocument* document, std::string_view& image) {
-    std::string_view bytes;
-    return WriteWithImage(document, bytes, image) == WriteResult::Written;
+bool BuildImage(const DOMDocument* document, CWritten& written) {
+    SavedSubtrees::Attach(document);
+    return WriteWithImage(document, RegistryImage::kHeaderSize, written) == WriteResult::Written;
 }
 
 std::ostream& operator<<(std::ostream& out, const XMLCh* text) {

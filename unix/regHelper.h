@@ -97,16 +97,23 @@ int DeleteValue(xercesc::DOMDocument* doc, xercesc::DOMNode* key, const XMLCh* n
 // nothing and sets the stream's bad bit. A node type that has no written
 // form stops the process.
 std::ostream& operator<<(std::ostream& out, const xercesc::DOMNode* node);
-// Writes the registry's document as the operator above does, and its image
-// (whose header is left for the caller), reusing what was last written for
-// subtrees that have not changed since; `bytes` and `image` view them until
-// the next call. False, with both as they were, when the document holds
-// text that cannot be written.
-bool WriteDocument(const xercesc::DOMDocument* document, std::string_view& bytes,
-                   std::string_view& image);
-// As WriteDocument, for the image alone; a document that cannot be written
-// has none, and does not stop the process.
-bool BuildImage(const xercesc::DOMDocument* document, std::string_view& image);
+// What a save writes: the file's bytes, and the records of the image that
+// it did not hold yet, its document's record among them. They stay valid
+// until the next save.
+struct CWritten {
+    std::string_view bytes;
+    std::string_view image;
+    uint32_t root = 0;
+};
+// Writes the registry's document as the operator above does, reusing what
+// was last written for subtrees that have not changed since. Unless
+// `imageBase` is 0, it also writes the image's records that the image,
+// `imageBase` bytes long, does not hold yet. False, with `written` as it was,
+// when the document holds text that cannot be written.
+bool WriteDocument(const xercesc::DOMDocument* document, uint32_t imageBase, CWritten& written);
+// As WriteDocument, for a new image of the whole document; a document that
+// cannot be written has none, and does not stop the process.
+bool BuildImage(const xercesc::DOMDocument* document, CWritten& written);
 // Writes text as the writer above writes text content; text that cannot be
 // written writes nothing and sets the stream's bad bit.
 std::ostream& operator<<(std::ostream& out, const XMLCh* text);

@@ -332,17 +332,39 @@ HRESULT CRegistryFile::Write(std::string_view bytes, CFileStamp& written) {
     return hr;
 }
 
-bool CRegistryFile::WriteImage(std::string_view header, std::string_view image) {
+bool CRegistryFile::WriteImage(std::string_view header, std::string_view records, CImageFile& written) {
     const std::string path = ImagePath();
-    if (path.empty() || image.size() < header.size()) return false;
+    if (path.empty()) return false;
     std::string temporary;
     const int fd = CreateTemporary(path, temporary);
     if (fd < 0) return false;
-    const bool written = WriteAll(fd, header, 0) &&
-                         WriteInPieces(fd, image.substr(header.size()), static_cast<off_t>(header.size()));
-    if (close(fd) == 0 && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
+    struct stat info;
+    const bool complete = WriteAll(fd, header, 0) &&
+                          WriteInPieces(fd, records, static_cast<off_t>(header.size())) &&
+                          fstat(fd, &info) == 0;
+    if (close(fd) == 0 && complete && rename(temporary.c_str(), path.c_str()) == 0) {
+        written = {static_cast<uint64_t>(info.st_ino), static_cast<uint64_t>(info.st_size)};
+        return true;
+    }
     unlink(temporary.c_str());
     return false;
+}
+
+// Readers that mapped the image before see none of this: they follow the
+// slot they read, and what it names stays as it was.
+bool CRegistryFile::AppendImage(CImageFile& image, std::string_view records, std::string_view slot,
+                                size_t slotOffset) {
+    const std::string path = ImagePath();
+    const int fd = path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat info;
+    const bool same = fstat(fd, &info) == 0 && static_cast<uint64_t>(info.st_ino) == image.inode &&
+                      static_cast<uint64_t>(info.st_size) == image.size;
+    const bool written = same && WriteInPieces(fd, records, static_cast<off_t>(image.size)) &&
+                         WriteAll(fd, slot, static_cast<off_t>(slotOffset));
+    if (close(fd) != 0 || !written) return false;
+    image.size += records.size();
+    return true;
 }
 
 bool CRegistryFile::Target(std::string& target) const { return SaveTarget(m_path, target); }

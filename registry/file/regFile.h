@@ -123,11 +123,21 @@ public:
     // as it was. See ReplaceAtomically and WriteInPlace. `written` receives
     // the stamp of the file written.
     HRESULT Write(std::string_view bytes, CFileStamp& written);
-    // Puts the image, `header` and then `image` from the header's size on,
-    // beside the file a save replaces, atomically but without waiting for
-    // the disk: an image that a crash loses is rebuilt. False when it cannot
-    // be written.
-    bool WriteImage(std::string_view header, std::string_view image);
+    // The image beside the file a save replaces, as one process writes it:
+    // its inode, and how many bytes it has.
+    struct CImageFile {
+        uint64_t inode = 0;
+        uint64_t size = 0;
+    };
+    // Puts a new image, `header` followed by `records`, in place atomically
+    // but without waiting for the disk: an image that a crash loses is
+    // rebuilt. False when it cannot be written.
+    bool WriteImage(std::string_view header, std::string_view records, CImageFile& written);
+    // Appends `records` to the image `image` and then writes `slot` at
+    // `slotOffset`; false, with nothing written, when the image on disk is no
+    // longer `image`.
+    bool AppendImage(CImageFile& image, std::string_view records, std::string_view slot,
+                     size_t slotOffset);
     // Where that image is; empty when a link cannot be followed.
     std::string ImagePath() const;
     // The stamp of the file as Read last read it.

@@ -13,23 +13,15 @@
 namespace {
 
 const char kMagic[8] = {'V', 'e', 'l', 't', 'I', 'm', 'g', '\n'};
-const uint32_t kVersion = 1;
+const uint32_t kVersion = 2;
 
-// Where the header keeps what.
+// Where a slot keeps what.
 const size_t kVersionAt = 8;
-const size_t kHeaderSizeAt = 12;
-const size_t kImageSizeAt = 16;
-const size_t kRootAt = 24;
-const size_t kStampAt = 32;
-const size_t kChecksumAt = RegistryImage::kHeaderSize - 8;
-
-// The fixed part of a record: type, extent, and for a node with children
-// its child count and table.
-const size_t kExtentAt = 1;
-const size_t kChildCountAt = 5;
-const size_t kTableAt = 9;
-const size_t kLeafHeader = 5;
-const size_t kParentHeader = 13;
+const size_t kSequenceAt = 16;
+const size_t kUsedAt = 24;
+const size_t kRootAt = 32;
+const size_t kStampAt = 40;
+const size_t kChecksumAt = RegistryImage::kSlotSize - 8;
 
 uint64_t Checksum(const char* bytes, size_t size) {
     uint64_t hash = 14695981039346656037ull;
@@ -52,29 +44,30 @@ T Load(const void* at) {
     return value;
 }
 
+const size_t kStampFields = 7;
+
 void StoreStamp(char* at, const CFileStamp& file) {
-    const int64_t fields[] = {static_cast<int64_t>(file.device), static_cast<int64_t>(file.inode),
-                              file.size, file.modifiedSeconds, file.modifiedNanoseconds,
-                              file.changedSeconds, file.changedNanoseconds};
+    const int64_t fields[kStampFields] = {static_cast<int64_t>(file.device), static_cast<int64_t>(file.inode),
+                                          file.size, file.modifiedSeconds, file.modifiedNanoseconds,
+                                          file.changedSeconds, file.changedNanoseconds};
     std::memcpy(at, fields, sizeof fields);
 }
 
-bool IsElement(uint8_t kind) { return (kind & ~RegistryImage::kHasChildren) == RegistryImage::kElement; }
-
-// The name of a record the builder wrote itself, which needs no checks.
-CImageString TrustedName(const uint8_t* record) {
-    const uint8_t* at = record + ((record[0] & RegistryImage::kHasChildren) ? kParentHeader : kLeafHeader);
-    if (IsElement(record[0])) {
-        while (*at++ & 0x80) {
-        }
-    }
-    uint64_t header = 0;
-    for (unsigned shift = 0;; shift += 7) {
-        header |= uint64_t(*at & 0x7F) << shift;
-        if (!(*at++ & 0x80)) break;
-    }
-    return CImageString(at, static_cast<uint32_t>(header >> 1), header & 1);
+CFileStamp LoadStamp(const char* at) {
+    int64_t fields[kStampFields];
+    std::memcpy(fields, at, sizeof fields);
+    CFileStamp file;
+    file.device = static_cast<uint64_t>(fields[0]);
+    file.inode = static_cast<uint64_t>(fields[1]);
+    file.size = fields[2];
+    file.modifiedSeconds = fields[3];
+    file.modifiedNanoseconds = fields[4];
+    file.changedSeconds = fields[5];
+    file.changedNanoseconds = fields[6];
+    return file;
 }
+
+bool IsElement(uint8_t kind) { return (kind & ~RegistryImage::kHasChildren) == RegistryImage::kElement; }
 
 }  // namespace
 
@@ -82,16 +75,16 @@ namespace RegistryImage {
 
 std::string PathFor(const std::string& file) { return file + ".image"; }
 
-std::string Header(size_t size, uint32_t root, const CFileStamp& file) {
-    std::string header(kHeaderSize, '\0');
-    std::memcpy(&header[0], kMagic, sizeof kMagic);
-    Store<uint32_t>(&header[kVersionAt], kVersion);
-    Store<uint32_t>(&header[kHeaderSizeAt], kHeaderSize);
-    Store<uint64_t>(&header[kImageSizeAt], size);
-    Store<uint32_t>(&header[kRootAt], root);
-    StoreStamp(&header[kStampAt], file);
-    Store<uint64_t>(&header[kChecksumAt], Checksum(header.data(), kChecksumAt));
-    return header;
+std::string SlotBytes(const CSlot& slot) {
+    std::string bytes(kSlotSize, '\0');
+    std::memcpy(&bytes[0], kMagic, sizeof kMagic);
+    Store<uint32_t>(&bytes[kVersionAt], kVersion);
+    Store<uint64_t>(&bytes[kSequenceAt], slot.sequence);
+    Store<uint64_t>(&bytes[kUsedAt], slot.used);
+    Store<uint32_t>(&bytes[kRootAt], slot.root);
+    StoreStamp(&bytes[kStampAt], slot.file);
+    Store<uint64_t>(&bytes[kChecksumAt], Checksum(bytes.data(), kChecksumAt));
+    return bytes;
 }
 
 }  // namespace RegistryImage
@@ -110,10 +103,7 @@ std::u16string CImageString::Copy() const {
     return out;
 }
 
-CImageBuilder::CImageBuilder(std::string room) : m_bytes(std::move(room)) {
-    std::memset(Room(RegistryImage::kHeaderSize), 0, RegistryImage::kHeaderSize);
-    m_used = RegistryImage::kHeaderSize;
-}
+CImageBuilder::CImageBuilder(std::string room, uint32_t base) : m_bytes(std::move(room)), m_nBase(base) {}
 
 char* CImageBuilder::Room(size_t count) {
     if (m_bytes.size() - m_used < count)
@@ -149,77 +139,98 @@ void CImageBuilder::PutText(ImageText text) {
     m_used += text.size() * (wide ? 2 : 1);
 }
 
-void CImageBuilder::Counted(uint32_t hash) {
-    if (!m_open.empty()) m_children.push_back({static_cast<uint32_t>(m_used), hash});
-}
-
-void CImageBuilder::Open(uint8_t type, bool hasChildren, ImageText name, ImageText value,
-                         uint32_t attributes) {
+void CImageBuilder::Open(uint8_t type, bool hasChildren, ImageText name) {
     m_nLastHash = RegistryImage::NameHash(name);
-    Counted(m_nLastHash);
-    m_open.push_back({m_used, m_children.size(), hasChildren});
-    PutByte(static_cast<uint8_t>(type | (hasChildren ? RegistryImage::kHasChildren : 0)));
-    PutU32(0);
-    if (hasChildren) {
-        PutU32(0);
-        PutU32(0);
-    }
-    if (type == RegistryImage::kElement) PutVarint(attributes);
-    PutText(name);
-    if (type != RegistryImage::kElement) PutText(value);
+    m_open.push_back({type, hasChildren, name, m_nLastHash, m_attributes.size(), m_children.size()});
 }
 
-void CImageBuilder::Attribute(ImageText name, ImageText value) {
-    PutText(name);
-    PutText(value);
-}
+void CImageBuilder::Attribute(ImageText name, ImageText value) { m_attributes.emplace_back(name, value); }
 
-void CImageBuilder::End() {
+uint32_t CImageBuilder::End() {
     const COpen node = m_open.back();
     m_open.pop_back();
     const uint32_t count = static_cast<uint32_t>(m_children.size() - node.firstChild);
+    // The table goes first, so that the record names it backwards too.
+    const uint32_t table =
+        node.hasChildren && count >= RegistryImage::kTableFrom ? WriteTable(&m_children[node.firstChild], count) : 0;
+    const uint32_t record = Here();
+    PutByte(static_cast<uint8_t>(node.type | (node.hasChildren ? RegistryImage::kHasChildren : 0)));
+    const bool element = node.type == RegistryImage::kElement;
+    if (element) PutVarint(m_attributes.size() - node.firstAttribute);
+    PutText(node.name);
+    for (size_t i = node.firstAttribute; i < m_attributes.size(); ++i) {
+        PutText(m_attributes[i].first);
+        PutText(m_attributes[i].second);
+    }
+    m_attributes.resize(node.firstAttribute);
     if (node.hasChildren) {
-        Store<uint32_t>(&m_bytes[node.record + kChildCountAt], count);
-        if (count >= RegistryImage::kTableFrom) {
-            Store<uint32_t>(&m_bytes[node.record + kTableAt], static_cast<uint32_t>(m_used - node.record));
-            WriteTable(node, &m_children[node.firstChild], count);
-        }
+        PutVarint(count);
+        PutU32(table);
+        for (size_t i = node.firstChild; i < m_children.size(); ++i) PutU32(m_children[i].record);
     }
     m_children.resize(node.firstChild);
-    Store<uint32_t>(&m_bytes[node.record + kExtentAt], static_cast<uint32_t>(m_used - node.record));
+    if (!m_open.empty()) m_children.push_back({record, node.hash, node.name});
+    return record;
 }
 
-void CImageBuilder::Append(std::string_view records, uint32_t hash) {
-    Counted(hash);
-    std::memcpy(Room(records.size()), records.data(), records.size());
-    m_used += records.size();
+void CImageBuilder::Reuse(uint32_t record, uint32_t hash, ImageText name) {
+    if (!m_open.empty()) m_children.push_back({record, hash, name});
+}
+
+// Whether a child before `child` has its name and the record `held`.
+bool CImageBuilder::SameName(const CChild* children, const CChild* child, uint32_t held) {
+    for (const CChild* earlier = children; earlier != child; ++earlier) {
+        if (earlier->record == held) return earlier->name == child->name;
+    }
+    return false;
 }
 
 // Filled at most three quarters, in document order: where two children share
 // a name, the first keeps the slot.
-void CImageBuilder::WriteTable(const COpen& node, const CChild* children, uint32_t count) {
+uint32_t CImageBuilder::WriteTable(const CChild* children, uint32_t count) {
     uint32_t slots = 1;
     while (slots < count + count / 3 + 1) slots <<= 1;
+    const uint32_t at = Here();
     PutU32(slots);
     const size_t table = m_used;
     std::memset(Room(size_t(slots) * 8), 0, size_t(slots) * 8);
     m_used += size_t(slots) * 8;
-    const uint8_t* image = reinterpret_cast<const uint8_t*>(m_bytes.data());
     for (const CChild* child = children; child != children + count; ++child) {
         for (uint32_t slot = child->hash & (slots - 1);; slot = (slot + 1) & (slots - 1)) {
             char* entry = &m_bytes[table + size_t(slot) * 8];
             const uint32_t held = Load<uint32_t>(entry + 4);
             if (held == 0) {
                 Store<uint32_t>(entry, child->hash);
-                Store<uint32_t>(entry + 4, static_cast<uint32_t>(child->offset - node.record));
+                Store<uint32_t>(entry + 4, child->record);
+                // Where the slot is taken by a child of the same name, the
+                // first keeps it.
                 break;
             }
-            if (Load<uint32_t>(entry) != child->hash) continue;
-            const CImageString mine = TrustedName(image + child->offset);
-            const CImageString theirs = TrustedName(image + node.record + held);
-            if (mine.Units() == theirs.Units() && mine == theirs.Copy()) break;
+            if (Load<uint32_t>(entry) == child->hash && SameName(children, child, held)) break;
         }
     }
+    return at;
+}
+
+bool CRegistryImage::NewestSlot(const uint8_t* header, size_t size, RegistryImage::CSlot& slot) {
+    bool found = false;
+    for (size_t at = 0; at + RegistryImage::kSlotSize <= RegistryImage::kHeaderSize; at += RegistryImage::kSlotSize) {
+        const char* bytes = reinterpret_cast<const char*>(header) + at;
+        if (std::memcmp(bytes, kMagic, sizeof kMagic) != 0 || Load<uint32_t>(bytes + kVersionAt) != kVersion ||
+            Load<uint64_t>(bytes + kChecksumAt) != Checksum(bytes, kChecksumAt))
+            continue;
+        const uint64_t sequence = Load<uint64_t>(bytes + kSequenceAt);
+        const uint64_t used = Load<uint64_t>(bytes + kUsedAt);
+        const uint32_t root = Load<uint32_t>(bytes + kRootAt);
+        if (used > size || root < RegistryImage::kHeaderSize || root >= used) continue;
+        if (found && sequence <= slot.sequence) continue;
+        slot.sequence = sequence;
+        slot.used = used;
+        slot.root = root;
+        slot.file = LoadStamp(bytes + kStampAt);
+        found = true;
+    }
+    return found;
 }
 
 std::unique_ptr<CRegistryImage> CRegistryImage::Map(const std::string& path, const CFileStamp& file) {
@@ -228,50 +239,40 @@ std::unique_ptr<CRegistryImage> CRegistryImage::Map(const std::string& path, con
     struct stat info;
     const bool sized = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
                        info.st_size >= static_cast<off_t>(RegistryImage::kHeaderSize) &&
-                       info.st_size <= std::numeric_limits<uint32_t>::max();
+                       static_cast<uint64_t>(info.st_size) <= std::numeric_limits<uint32_t>::max();
     void* mapped = sized ? mmap(nullptr, info.st_size, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
     close(fd);
     if (mapped == MAP_FAILED) return nullptr;
     const size_t size = static_cast<size_t>(info.st_size);
-    // A reader looks at a few records only: reading ahead brings in pages
-    // that no one asked for.
-    madvise(mapped, size, MADV_RANDOM);
-    const char* header = static_cast<const char*>(mapped);
-    const uint32_t root = Load<uint32_t>(header + kRootAt);
-    const bool whole = std::memcmp(header, kMagic, sizeof kMagic) == 0 &&
-                       Load<uint32_t>(header + kVersionAt) == kVersion &&
-                       Load<uint32_t>(header + kHeaderSizeAt) == RegistryImage::kHeaderSize &&
-                       Load<uint64_t>(header + kImageSizeAt) == size &&
-                       Load<uint64_t>(header + kChecksumAt) == Checksum(header, kChecksumAt);
-    const std::string expected = RegistryImage::Header(size, root, file);
-    if (!whole || std::memcmp(header, expected.data(), RegistryImage::kHeaderSize) != 0) {
+    RegistryImage::CSlot slot;
+    if (!NewestSlot(static_cast<const uint8_t*>(mapped), size, slot) || !(slot.file == file)) {
         munmap(mapped, size);
         return nullptr;
     }
     std::unique_ptr<CRegistryImage> image(
-        new CRegistryImage(static_cast<const uint8_t*>(mapped), size, root));
+        new CRegistryImage(static_cast<const uint8_t*>(mapped), size, slot.used, slot.root));
     try {
-        image->Read(root);
+        image->Read(slot.root);
     } catch (const CImageDamaged&) {
         return nullptr;
     }
     return image;
 }
 
-CRegistryImage::CRegistryImage(const uint8_t* data, size_t size, Node root)
-    : m_data(data), m_size(size), m_nRoot(root) {}
+CRegistryImage::CRegistryImage(const uint8_t* data, size_t mapped, size_t used, Node root)
+    : m_data(data), m_nMapped(mapped), m_nUsed(used), m_nRoot(root) {}
 
-CRegistryImage::~CRegistryImage() { munmap(const_cast<uint8_t*>(m_data), m_size); }
+CRegistryImage::~CRegistryImage() { munmap(const_cast<uint8_t*>(m_data), m_nMapped); }
 
 uint32_t CRegistryImage::ReadU32(size_t offset) const {
-    if (offset > m_size || m_size - offset < 4) throw CImageDamaged();
+    if (offset > m_nUsed || m_nUsed - offset < 4) throw CImageDamaged();
     return Load<uint32_t>(m_data + offset);
 }
 
-uint64_t CRegistryImage::ReadVarint(const uint8_t*& at, const uint8_t* limit) const {
+uint64_t CRegistryImage::ReadVarint(const uint8_t*& at) const {
+    const uint8_t* limit = m_data + m_nUsed;
     uint64_t value = 0;
-    for (unsigned shift = 0; shift < 64; shift += 7) {
-        if (at >= limit) break;
+    for (unsigned shift = 0; shift < 64 && at < limit; shift += 7) {
         const uint8_t byte = *at++;
         value |= uint64_t(byte & 0x7F) << shift;
         if (!(byte & 0x80)) return value;
@@ -279,67 +280,53 @@ uint64_t CRegistryImage::ReadVarint(const uint8_t*& at, const uint8_t* limit) co
     throw CImageDamaged();
 }
 
-CImageString CRegistryImage::ReadText(const uint8_t*& at, const uint8_t* limit) const {
-    const uint64_t header = ReadVarint(at, limit);
+CImageString CRegistryImage::ReadText(const uint8_t*& at) const {
+    const uint64_t header = ReadVarint(at);
     const uint64_t units = header >> 1;
     const bool wide = header & 1;
-    const uint64_t bytes = units * (wide ? 2 : 1);
-    if (units > std::numeric_limits<uint32_t>::max() || bytes > static_cast<uint64_t>(limit - at))
-        throw CImageDamaged();
+    if (units > static_cast<uint64_t>(m_data + m_nUsed - at) / (wide ? 2 : 1)) throw CImageDamaged();
     const CImageString text(at, static_cast<uint32_t>(units), wide);
-    at += bytes;
+    at += units * (wide ? 2 : 1);
     return text;
 }
 
-// The record after `child`'s subtree, which may be its parent's end.
-CRegistryImage::Node CRegistryImage::Next(Node child, Node end) const {
-    const uint32_t extent = ReadU32(size_t(child) + kExtentAt);
-    if (extent < kLeafHeader || extent > end - child) throw CImageDamaged();
-    return child + extent;
-}
-
-// A child must start inside its parent's subtree, after the parent itself.
-CRegistryImage::Node CRegistryImage::Check(Node node, Node parent, Node end) const {
-    if (node <= parent || node >= end) throw CImageDamaged();
-    return node;
+// Everything a record names stands before it.
+CRegistryImage::Node CRegistryImage::Earlier(uint32_t offset, Node than) const {
+    if (offset < RegistryImage::kHeaderSize || offset >= than) throw CImageDamaged();
+    return offset;
 }
 
 CRegistryImage::CRecord CRegistryImage::Read(Node node) const {
-    if (node < RegistryImage::kHeaderSize || node >= m_size) throw CImageDamaged();
+    if (node < RegistryImage::kHeaderSize || node >= m_nUsed) throw CImageDamaged();
     CRecord record{};
     record.type = m_data[node];
-    const uint32_t extent = ReadU32(size_t(node) + kExtentAt);
-    const bool parent = record.type & RegistryImage::kHasChildren;
-    const size_t fixed = parent ? kParentHeader : kLeafHeader;
-    if (extent < fixed || extent > m_size - node) throw CImageDamaged();
-    record.end = node + extent;
-    record.limit = m_data + record.end;
-    if (parent) {
-        record.children = ReadU32(size_t(node) + kChildCountAt);
-        record.table = ReadU32(size_t(node) + kTableAt);
-    }
-    const uint8_t* at = m_data + node + fixed;
+    const uint8_t* at = m_data + node + 1;
     const bool element = IsElement(record.type);
     // Each attribute takes at least two bytes.
-    const uint64_t attributes = element ? ReadVarint(at, record.limit) : 0;
-    if (attributes > static_cast<uint64_t>(record.limit - at) / 2) throw CImageDamaged();
+    const uint64_t attributes = element ? ReadVarint(at) : 0;
+    if (attributes > static_cast<uint64_t>(m_data + m_nUsed - at) / 2) throw CImageDamaged();
     record.attributeCount = static_cast<uint32_t>(attributes);
-    record.name = ReadText(at, record.limit);
-    if (!element) ReadText(at, record.limit);
+    record.name = ReadText(at);
     record.attributes = at;
     for (uint32_t i = 0; i < record.attributeCount; ++i) {
-        ReadText(at, record.limit);
-        ReadText(at, record.limit);
+        ReadText(at);
+        ReadText(at);
     }
-    record.firstChild = static_cast<Node>(at - m_data);
-    // Each child takes at least a leaf's header.
-    if (record.children > (record.end - record.firstChild) / kLeafHeader) throw CImageDamaged();
+    if (record.type & RegistryImage::kHasChildren) {
+        const uint64_t children = ReadVarint(at);
+        record.table = ReadU32(at - m_data);
+        record.childOffsets = at - m_data + 4;
+        if (children > (m_nUsed - record.childOffsets) / 4) throw CImageDamaged();
+        record.children = static_cast<uint32_t>(children);
+    }
     return record;
 }
 
-uint8_t CRegistryImage::Type(Node node) const {
-    return Read(node).type & ~RegistryImage::kHasChildren;
+CRegistryImage::Node CRegistryImage::Child(const CRecord& record, Node parent, uint32_t index) const {
+    return Earlier(Load<uint32_t>(m_data + record.childOffsets + size_t(index) * 4), parent);
 }
+
+uint8_t CRegistryImage::Type(Node node) const { return Read(node).type & ~RegistryImage::kHasChildren; }
 
 CImageString CRegistryImage::Name(Node node) const { return Read(node).name; }
 
@@ -348,16 +335,15 @@ uint32_t CRegistryImage::ChildCount(Node node) const { return Read(node).childre
 CRegistryImage::Node CRegistryImage::Find(Node parent, ImageText name) const {
     const CRecord record = Read(parent);
     if (record.table == 0) {
-        Node found = 0;
-        ForEachChild(parent, [&](Node child) {
-            if (Name(child) == name) found = child;
-            return found == 0;
-        });
-        return found;
+        for (uint32_t i = 0; i < record.children; ++i) {
+            const Node child = Child(record, parent, i);
+            if (Name(child) == name) return child;
+        }
+        return 0;
     }
-    const size_t table = size_t(parent) + record.table;
+    const size_t table = Earlier(record.table, parent);
     const uint32_t slots = ReadU32(table);
-    if (slots == 0 || (slots & (slots - 1)) != 0 || table + 4 + size_t(slots) * 8 > record.end)
+    if (slots == 0 || (slots & (slots - 1)) != 0 || parent - table < 4 || (parent - table - 4) / 8 < slots)
         throw CImageDamaged();
     const uint32_t hash = RegistryImage::NameHash(name);
     for (uint32_t probe = 0, slot = hash & (slots - 1); probe < slots; ++probe, slot = (slot + 1) & (slots - 1)) {
@@ -365,7 +351,7 @@ CRegistryImage::Node CRegistryImage::Find(Node parent, ImageText name) const {
         const uint32_t offset = Load<uint32_t>(m_data + entry + 4);
         if (offset == 0) return 0;
         if (Load<uint32_t>(m_data + entry) != hash) continue;
-        const Node child = Check(parent + offset, parent, record.end);
+        const Node child = Earlier(offset, parent);
         if (Name(child) == name) return child;
     }
     return 0;

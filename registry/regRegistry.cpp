@@ -275,10 +275,10 @@ void CXMLRegistry::SaveImage(CWritten& written, const CFileStamp& file, bool app
     m_bImagesWritable = WriteNewImage(written, file);
 }
 
-// Appending is worth it while the records no longer in use stay fewer than
-// those in use.
+// Appending is worth it until the records no longer in use outweigh those
+// in use a few times over: a new image costs a walk of the whole document.
 bool CXMLRegistry::ImageAppendable() const {
-    return m_image.sequence != 0 && m_image.file.size < 2 * m_image.live + (uint64_t(1) << 20);
+    return m_image.sequence != 0 && m_image.file.size < 4 * m_image.live + (uint64_t(4) << 20);
 }
 
 // The image read so far turned out damaged: the file is read instead.

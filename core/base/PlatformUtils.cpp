@@ -1,4 +1,5 @@
 // System strings, task memory, identifier text and text conversion.
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -165,10 +166,27 @@ size_t WidenMultibyte(const char* text, size_t count, wchar_t* out) {
     return written;
 }
 
+namespace {
+
+// Every locale the C library offers reads ASCII as ASCII: such text, the
+// usual path or message, needs no conversion call per character.
+bool IsAscii(const char* text, size_t length) {
+    for (size_t i = 0; i < length; ++i) {
+        if (static_cast<unsigned char>(text[i]) >= 0x80) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 void AppendWidened(std::wstring& out, const char* text) {
     const size_t length = std::strlen(text);
     const size_t start = out.size();
     out.resize(start + length);
+    if (IsAscii(text, length)) {
+        std::copy(text, text + length, &out[start]);
+        return;
+    }
     out.resize(start + WidenMultibyte(text, length, &out[start]));
 }
 
@@ -177,6 +195,10 @@ std::string NarrowWide(const wchar_t* text) {
     char buffer[MB_LEN_MAX];
     std::mbstate_t state{};
     for (; *text; ++text) {
+        if (*text > 0 && *text < 0x80) {
+            out.push_back(static_cast<char>(*text));
+            continue;
+        }
         const size_t n = std::wcrtomb(buffer, *text, &state);
         if (n == static_cast<size_t>(-1)) throw std::bad_alloc();
         out.append(buffer, n);

@@ -12,7 +12,7 @@ seeds=$(cd "$(dirname "$0")" && pwd)/corpus
 seconds=${FUZZ_SECONDS:-60}
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=(fuzz_identifiers fuzz_monikers fuzz_status fuzz_sysstrings
-                                     fuzz_registry fuzz_memory fuzz_parser fuzz_idl)
+                                     fuzz_registry fuzz_memory fuzz_parser fuzz_image fuzz_idl)
 
 mkdir -p "$build/findings"
 for target in "${targets[@]}"; do

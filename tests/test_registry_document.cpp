@@ -266,6 +266,41 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
     SavedSubtrees::Attach(nullptr);
 }
 
+// Hand-written files and a registry as registration writes it, whose large
+// keys are found through tables: a reader of the image sees what a reader of
+// the parsed document sees.
+TEST_F(RegistryDocument, TheImageShowsWhatTheDocumentShows) {
+    std::string generated = "<Software><Quorvane><Version><Classes><CLSID>";
+    std::string progIds;
+    for (int i = 0; i < 300; ++i) {
+        const std::string id = "_" + std::to_string(10000000 + i) + "-be4c-4a11-9e21-5a0c77d31042_";
+        const std::string progId = "Bench.Class" + std::to_string(i % 280);
+        generated += "<" + id + " default = \"" + progId + "\"><InprocServer32 default = \"libx.so\"/>" +
+                     "<ProgID default = \"" + progId + "\"/></" + id + ">";
+        progIds += "<" + progId + "><CLSID default = \"" + id + "\"/></" + progId + ">";
+    }
+    generated += "</CLSID>" + progIds + "</Classes></Version></Quorvane></Software>";
+    const std::string documents[] = {
+        CXMLRegistry::s_rgcDefaultRegistry,
+        "<a>\n  <b x='1' y=\"&lt;&#9;&#xe9;\" z=''/>\n  <!-- note --><?tool go?><![CDATA[<raw>]]>t&amp;u"
+        "<c><d/><d/>text</c>\n</a>",
+        "<k><item name='v' type='string' value='1' extra='x'/><item type='dword' name='w' value='2'/>"
+        "<\xC3\xA9t\xC3\xA9 default='\xE2\x82\xAC &#x1F600;'/></k>",
+        generated,
+    };
+    for (const std::string& text : documents) {
+        Load(text);
+        CWritten written;
+        ASSERT_TRUE(BuildImage(m_doc, written)) << text.substr(0, 60);
+        imagetest::CImageFile image;
+        image.Add(written);
+        const std::unique_ptr<CRegistryImage> mapped = image.Map();
+        ASSERT_TRUE(mapped) << text.substr(0, 60);
+        EXPECT_EQ(imagetest::Disagreement(m_doc, *mapped), "") << text.substr(0, 60);
+    }
+    SavedSubtrees::Attach(nullptr);
+}
+
 // Keys are all element children, other children count as null slots; a
 // value lands in the slot of its name attribute's position, and attributes
 // stand in name order ("a" before "name").

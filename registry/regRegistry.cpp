@@ -318,7 +318,7 @@ HRESULT CXMLRegistry::Parse(std::string_view content) {
     if (FAILED(started)) return started;
     try {
         utlAutoPtr<xercesc::ErrorHandler> handler(new DOMErrorHandler(m_strFilePath));
-        utlAutoPtr<xercesc::XercesDOMParser> parser(new CRegistryParser(content.size() >= kLargeDocument));
+        utlAutoPtr<xercesc::XercesDOMParser> parser(NewRegistryParser(content.size() >= kLargeDocument));
         parser->setErrorHandler(handler.Get());
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(content.data()),
                                           content.size(), "REGISTRY", false);

@@ -1,6 +1,8 @@
 // The registry's document parser.
 #include "regParser.h"
 
+#ifdef VELTCOM_DIRECT_DOM
+
 #include <xercesc/dom/DOMException.hpp>
 #include <xercesc/dom/DOMText.hpp>
 #include <xercesc/dom/impl/DOMAttrImpl.hpp>
@@ -12,6 +14,8 @@
 #include <xercesc/internal/XMLScanner.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLString.hpp>
+#include <xercesc/framework/MemBufInputSource.hpp>
 
 #include <sys/mman.h>
 
@@ -207,4 +211,68 @@ void CRegistryParser::endElement(const XMLElementDecl& decl, unsigned int urlId,
         fCurrentParent = fCurrentNode;
     }
     if (fCurrentParent == fDocument) fWithinElement = false;
+}
+
+namespace {
+
+// A document that holds every kind of node the direct builder makes or
+// hands on to xerces: the document element, nested elements with and
+// without attributes, text, a comment, an instruction, CDATA, a reference.
+const char kSample[] =
+    "<r a='1'><k default = \"x\"><item name = \"n\" type = \"string\" value = \"&lt;v\"/>"
+    "<e/>t&amp;u<!--c--><?p d?><![CDATA[z]]></k><k2 b='2' c='3'><x><y/></x></k2></r>";
+
+bool SameNodes(const DOMNode* a, const DOMNode* b);
+
+bool SameText(const XMLCh* a, const XMLCh* b) { return (!a && !b) || (a && b && XMLString::equals(a, b)); }
+
+// Names, values, attributes, and links read from either end.
+bool SameNode(const DOMNode* a, const DOMNode* b) {
+    if (a->getNodeType() != b->getNodeType() || !SameText(a->getNodeName(), b->getNodeName()) ||
+        !SameText(a->getNodeValue(), b->getNodeValue()))
+        return false;
+    const DOMNamedNodeMap* aAttributes = a->getAttributes();
+    const DOMNamedNodeMap* bAttributes = b->getAttributes();
+    const XMLSize_t count = aAttributes ? aAttributes->getLength() : 0;
+    if (count != (bAttributes ? bAttributes->getLength() : 0)) return false;
+    for (XMLSize_t i = 0; i < count; ++i) {
+        if (!SameNodes(aAttributes->item(i), bAttributes->item(i))) return false;
+    }
+    return SameNodes(a->getFirstChild(), b->getFirstChild());
+}
+
+// Two lists of siblings, with their subtrees.
+bool SameNodes(const DOMNode* a, const DOMNode* b) {
+    const DOMNode* previous = nullptr;
+    for (; a && b; a = a->getNextSibling(), b = b->getNextSibling()) {
+        if (a->getPreviousSibling() != previous || !SameNode(a, b)) return false;
+        previous = a;
+    }
+    return !a && !b && (!previous || !previous->getParentNode() ||
+                        previous->getParentNode()->getLastChild() == previous);
+}
+
+bool BuildsAlike() {
+    XercesDOMParser reference;
+    CRegistryParser direct(false);
+    for (XercesDOMParser* parser : {&reference, static_cast<XercesDOMParser*>(&direct)}) {
+        MemBufInputSource source(reinterpret_cast<const XMLByte*>(kSample), sizeof kSample - 1, "sample", false);
+        parser->parse(source);
+        if (parser->getErrorCount() != 0 || !parser->getDocument()) return false;
+    }
+    return SameNode(reference.getDocument(), direct.getDocument());
+}
+
+}  // namespace
+
+#endif  // VELTCOM_DIRECT_DOM
+
+XercesDOMParser* NewRegistryParser(bool large) {
+#ifdef VELTCOM_DIRECT_DOM
+    static const bool s_bDirect = BuildsAlike();
+    if (s_bDirect) return new CRegistryParser(large);
+#else
+    (void)large;
+#endif
+    return new XercesDOMParser;
 }

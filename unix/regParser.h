@@ -1,7 +1,21 @@
 // The registry's document parser: xerces' own scanner and DOM, with the
 // document built without the per-node costs that dominate a large registry.
+//
+// Building it so means working inside xerces' node classes, whose layout is
+// private to one release: the build uses the direct builder only against
+// the release it was written for (VELTCOM_DIRECT_DOM), and a process only
+// once it has seen it build a sample document as xerces' own parser does.
+// Anywhere else, xerces' own parser serves, a few times slower on a large
+// registry.
 #ifndef VELTCOM_UNIX_REGPARSER_H
 #define VELTCOM_UNIX_REGPARSER_H
+
+#include <xercesc/parsers/XercesDOMParser.hpp>
+
+// A new parser for the registry's document; `large` when the document is.
+xercesc::XercesDOMParser* NewRegistryParser(bool large);
+
+#ifdef VELTCOM_DIRECT_DOM
 
 #include <cstddef>
 #include <typeinfo>
@@ -13,7 +27,6 @@
 #include <xercesc/dom/impl/DOMParentNode.hpp>
 #include <xercesc/framework/MemoryManager.hpp>
 #include <xercesc/framework/XMLElementDecl.hpp>
-#include <xercesc/parsers/XercesDOMParser.hpp>
 
 // Where a node's link records lie within it. xerces finds them with a
 // cross-cast per step, and each cross-cast costs about as much as the rest
@@ -104,5 +117,7 @@ private:
     static const size_t kNamesAhead = 1024;
     std::vector<std::pair<const xercesc::XMLElementDecl*, const XMLCh*>> m_names;
 };
+
+#endif  // VELTCOM_DIRECT_DOM
 
 #endif

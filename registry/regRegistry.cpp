@@ -281,12 +281,11 @@ bool CXMLRegistry::ImageAppendable() const {
     return m_image.sequence != 0 && m_image.file.size < 4 * m_image.live + (uint64_t(4) << 20);
 }
 
-// The image read so far turned out damaged: the file is read instead.
+// The image read so far turned out damaged: the file is read instead. A
+// file that cannot be read leaves the image, whose reads then fail.
 void CXMLRegistry::DropImage() {
-    m_spImage.reset();
     m_spFile->Forget();
-    if (FAILED(Reload())) return;
-    RebuildImage();
+    if (SUCCEEDED(Reload())) RebuildImage();
 }
 
 // The XML library is started by the first parse of the process, and only

@@ -229,7 +229,9 @@ void CXMLRegistry::RebuildImage() {
     CFileStamp now;
     const CFileStamp parsed = m_spFile->ReadStamp();
     if (!BuildImage(Document(), written)) return;
-    if (!m_spFile->Look(now) || !(now == parsed) || !WriteNewImage(written, parsed)) return;
+    // What this process knows of the file stays what it parsed: a newer file
+    // is read at its next Open.
+    if (!m_spFile->Stamp(now) || !(now == parsed) || !WriteNewImage(written, parsed)) return;
     if (std::unique_ptr<CRegistryImage> mapped = CRegistryImage::Map(m_spFile->ImagePath(), parsed))
         UseImage(std::move(mapped));
 }

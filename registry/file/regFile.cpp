@@ -272,6 +272,13 @@ bool CRegistryFile::Look(CFileStamp& stamp) {
     return true;
 }
 
+bool CRegistryFile::Stamp(CFileStamp& stamp) const {
+    struct stat info;
+    if (stat(m_path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    stamp = CFileStamp::Of(info);
+    return true;
+}
+
 void CRegistryFile::Looked(const struct stat& info, uint64_t saves) {
     m_known = CFileIdentity::Of(info);
     m_nSavesSeen = saves;

@@ -104,6 +104,9 @@ public:
     // Looks at the file without reading it, as Read would have: Changed and
     // Outdated then compare with what it found. False when it is not there.
     bool Look(CFileStamp& stamp);
+    // The stamp of the file on disk now, with no record of having looked:
+    // false when it is not there.
+    bool Stamp(CFileStamp& stamp) const;
 
     // Whether the file on disk is not the one this process last read or
     // wrote. One stat.

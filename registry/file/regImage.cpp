@@ -69,6 +69,14 @@ CFileStamp LoadStamp(const char* at) {
 
 bool IsElement(uint8_t kind) { return (kind & ~RegistryImage::kHasChildren) == RegistryImage::kElement; }
 
+// The node types of the document's nodes: element 1 to notation 12.
+bool IsNodeType(uint8_t kind) {
+    const uint8_t type = kind & ~RegistryImage::kHasChildren;
+    return type >= 1 && type <= 12;
+}
+
+const uint8_t kDocument = 9;
+
 }  // namespace
 
 namespace RegistryImage {
@@ -252,7 +260,7 @@ std::unique_ptr<CRegistryImage> CRegistryImage::Map(const std::string& path, con
     std::unique_ptr<CRegistryImage> image(
         new CRegistryImage(static_cast<const uint8_t*>(mapped), size, slot.used, slot.root));
     try {
-        image->Read(slot.root);
+        if (image->Read(slot.root).type != (kDocument | RegistryImage::kHasChildren)) return nullptr;
     } catch (const CImageDamaged&) {
         return nullptr;
     }
@@ -300,6 +308,7 @@ CRegistryImage::CRecord CRegistryImage::Read(Node node) const {
     if (node < RegistryImage::kHeaderSize || node >= m_nUsed) throw CImageDamaged();
     CRecord record{};
     record.type = m_data[node];
+    if (!IsNodeType(record.type)) throw CImageDamaged();
     const uint8_t* at = m_data + node + 1;
     const bool element = IsElement(record.type);
     // Each attribute takes at least two bytes.
@@ -307,6 +316,8 @@ CRegistryImage::CRecord CRegistryImage::Read(Node node) const {
     if (attributes > static_cast<uint64_t>(m_data + m_nUsed - at) / 2) throw CImageDamaged();
     record.attributeCount = static_cast<uint32_t>(attributes);
     record.name = ReadText(at);
+    // No element is without a name.
+    if (element && record.name.Empty()) throw CImageDamaged();
     record.attributes = at;
     for (uint32_t i = 0; i < record.attributeCount; ++i) {
         ReadText(at);

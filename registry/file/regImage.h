@@ -145,6 +145,7 @@ public:
         return m_wide ? static_cast<char16_t>(m_data[2 * i] | m_data[2 * i + 1] << 8) : m_data[i];
     }
     bool operator==(ImageText text) const;
+    bool Empty() const { return m_units == 0; }
     std::u16string Copy() const;
 
 private:

@@ -46,8 +46,6 @@ std::string ManyClasses(unsigned count) {
     return HandMadeRegistry("<CLSID>" + classes + "</CLSID><ComponentCategories/><Moniker/>");
 }
 
-int InChild(const std::function<int()>& body) { return ChildResult(SpawnChild(body)); }
-
 // This process's registry opened at a key; null when that fails.
 RegistryPtr OpenAt(unsigned hive, const wchar_t* path) {
     RegistryPtr registry;

@@ -30,8 +30,6 @@ const COM_GUID kClass = {0x51A6E001, 0x1234, 0x4321, {0x80, 0x11, 0x22, 0x33, 0x
 // The library sets its memory manager when it starts, and only then.
 bool XmlStarted() { return xercesc::XMLPlatformUtils::fgMemoryManager != nullptr; }
 
-int InChild(const std::function<int()>& body) { return ChildResult(SpawnChild(body)); }
-
 // The names an enumeration hands out, each followed by a comma.
 std::wstring Names(COM_IRegistry* registry, bool keys) {
     EnumPtr names;

@@ -65,6 +65,8 @@ inline RegistryPtr Registry() {
 pid_t SpawnChild(const std::function<int()>& body);
 // The child's exit code, or 128 + the signal that ended it.
 int ChildResult(pid_t pid);
+// Runs `body` in a child process and waits for its result.
+inline int InChild(const std::function<int()>& body) { return ChildResult(SpawnChild(body)); }
 
 // Runs a test in a fresh temporary directory that is also the working
 // directory, with COMLIB pointing at it; removed again afterwards.

@@ -401,7 +401,7 @@ public:
                 saves ? SavedSubtrees::Reuse(node, start, Records()) : SavedSubtrees::CKept();
             if (!kept.bytes.empty()) {
                 m_out.Append(kept.bytes.data(), kept.bytes.size());
-                if (Records()) m_image->Reuse(kept.record.offset, kept.record.hash, TextOf(node->getNodeName()));
+                if (Records()) m_image->Reuse(kept.record.offset, kept.record.hash);
             } else {
                 bool descend = false;
                 if (!Open(node, descend)) return WriteResult::UnknownNodeType;
@@ -481,7 +481,7 @@ private:
         if (!Records()) return;
         SavedSubtrees::CRecord kept;
         if (node.parent && node.begun == kNotSaved && SavedSubtrees::ReuseRecord(node.node, kept)) {
-            m_image->Reuse(kept.offset, kept.hash, TextOf(node.node->getNodeName()));
+            m_image->Reuse(kept.offset, kept.hash);
             m_nLastRecord = kept.offset;
             node.record = RecordState::Kept;
             ++m_nKeptDepth;

@@ -177,24 +177,17 @@ uint32_t CImageBuilder::End() {
         for (size_t i = node.firstChild; i < m_children.size(); ++i) PutU32(m_children[i].record);
     }
     m_children.resize(node.firstChild);
-    if (!m_open.empty()) m_children.push_back({record, node.hash, node.name});
+    if (!m_open.empty()) m_children.push_back({record, node.hash});
     return record;
 }
 
-void CImageBuilder::Reuse(uint32_t record, uint32_t hash, ImageText name) {
-    if (!m_open.empty()) m_children.push_back({record, hash, name});
-}
-
-// Whether a child before `child` has its name and the record `held`.
-bool CImageBuilder::SameName(const CChild* children, const CChild* child, uint32_t held) {
-    for (const CChild* earlier = children; earlier != child; ++earlier) {
-        if (earlier->record == held) return earlier->name == child->name;
-    }
-    return false;
+void CImageBuilder::Reuse(uint32_t record, uint32_t hash) {
+    if (!m_open.empty()) m_children.push_back({record, hash});
 }
 
 // Filled at most three quarters, in document order: where two children share
-// a name, the first keeps the slot.
+// a name, the first stands before the others on the way from their slot, and
+// is the one a look-up finds.
 uint32_t CImageBuilder::WriteTable(const CChild* children, uint32_t count) {
     uint32_t slots = 1;
     while (slots < count + count / 3 + 1) slots <<= 1;
@@ -204,18 +197,10 @@ uint32_t CImageBuilder::WriteTable(const CChild* children, uint32_t count) {
     std::memset(Room(size_t(slots) * 8), 0, size_t(slots) * 8);
     m_used += size_t(slots) * 8;
     for (const CChild* child = children; child != children + count; ++child) {
-        for (uint32_t slot = child->hash & (slots - 1);; slot = (slot + 1) & (slots - 1)) {
-            char* entry = &m_bytes[table + size_t(slot) * 8];
-            const uint32_t held = Load<uint32_t>(entry + 4);
-            if (held == 0) {
-                Store<uint32_t>(entry, child->hash);
-                Store<uint32_t>(entry + 4, child->record);
-                // Where the slot is taken by a child of the same name, the
-                // first keeps it.
-                break;
-            }
-            if (Load<uint32_t>(entry) == child->hash && SameName(children, child, held)) break;
-        }
+        uint32_t slot = child->hash & (slots - 1);
+        while (Load<uint32_t>(&m_bytes[table + size_t(slot) * 8 + 4]) != 0) slot = (slot + 1) & (slots - 1);
+        Store<uint32_t>(&m_bytes[table + size_t(slot) * 8], child->hash);
+        Store<uint32_t>(&m_bytes[table + size_t(slot) * 8 + 4], child->record);
     }
     return at;
 }

@@ -95,8 +95,8 @@ public:
     void Attribute(ImageText name, ImageText value);
     // Writes the record of the node opened last and returns its offset.
     uint32_t End();
-    // A child whose record stands at `record`, named `name` of hash `hash`.
-    void Reuse(uint32_t record, uint32_t hash, ImageText name);
+    // A child whose record stands at `record`, named by a name of hash `hash`.
+    void Reuse(uint32_t record, uint32_t hash);
     // The name hash of the node opened last.
     uint32_t LastHash() const { return m_nLastHash; }
     // The new bytes, room included: the first Size() count.
@@ -115,7 +115,6 @@ private:
     struct CChild {
         uint32_t record;
         uint32_t hash;
-        ImageText name;
     };
     char* Room(size_t count);
     uint32_t Here() const { return static_cast<uint32_t>(m_nBase + m_used); }
@@ -124,7 +123,6 @@ private:
     void PutVarint(uint64_t value);
     void PutText(ImageText text);
     uint32_t WriteTable(const CChild* children, uint32_t count);
-    static bool SameName(const CChild* children, const CChild* child, uint32_t held);
 
     std::string m_bytes;
     size_t m_used = 0;

@@ -3,6 +3,7 @@
 // longer describes the file, or that is damaged, is never trusted and is
 // made anew; and a reader beside a process that saves in a loop never fails
 // and never answers older than a save that had completed.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -19,6 +20,7 @@
 
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include "testComponents.h"
 #include "testSupport.h"
 
 namespace {
@@ -89,10 +91,16 @@ int Register() {
     return done ? 0 : 1;
 }
 
-class RegistryImageTest : public TempDirTest {
+class RegistryImageTest : public ComponentTest {
 protected:
     void SetUp() override {
-        TempDirTest::SetUp();
+        ComponentTest::SetUp();
+        // Installed by a process of its own, as an installer would.
+        CopyComponent(COMPONENT_testcounter);
+        ASSERT_EQ(InChild([] {
+            void* library = dlopen("./libtestcounter.so", RTLD_NOW);
+            return library && CallEntry(library, "DllRegisterServer") == S_OK ? 0 : 1;
+        }), 0);
         ASSERT_EQ(InChild([] { return Register() || Save(L"saved"); }), 0);
     }
 
@@ -230,17 +238,19 @@ TEST_F(RegistryImageTest, AReaderBesideAWriterNeverFailsNorReadsAnOlderValue) {
     });
     const pid_t reader = SpawnChild([&] {
         RegistryPtr registry = Registry();
-        std::wstring progId = L"Image.Test";
         for (unsigned before = 0; before < kSaves;) {
             before = published->load();
             unsigned round = 0;
-            COM_GUID clsid = {};
             if (registry->Open(5, L"Image") != S_OK || registry->GetValueDWORD(L"round", &round) != S_OK) return 1;
             if (round < before) {
                 std::fprintf(stderr, "read round %u after round %u was saved\n", round, before);
                 return 2;
             }
+            std::wstring progId = L"Image.Test";
+            COM_GUID clsid = {};
             if (COM_GetCLSIDFromProgID(&progId[0], &clsid) != S_OK || !(clsid == kClass)) return 3;
+            utlAutoIf<COM_IUnknown, &COM_IID_IUnknown> counter;
+            if (COM_CreateInstance(CLSID_Counter, nullptr, COM_IID_IUnknown, counter.OutVoid()) != S_OK) return 4;
         }
         return 0;
     });

@@ -199,8 +199,9 @@ HRESULT CXMLRegistry::Load() {
     // them disagree; the second try finds both new.
     for (int attempt = 0; attempt < 2; ++attempt) {
         CFileStamp stamp;
-        if (!m_spFile->Look(stamp)) break;
-        if (std::unique_ptr<CRegistryImage> image = CRegistryImage::Map(m_spFile->ImagePath(), stamp)) {
+        std::string path;
+        if (!m_spFile->Look(stamp, path)) break;
+        if (std::unique_ptr<CRegistryImage> image = CRegistryImage::Map(path, stamp)) {
             UseImage(std::move(image));
             return S_OK;
         }

@@ -262,11 +262,18 @@ HRESULT CRegistryFile::Read(std::string& content, const std::string& initial) {
     return S_OK;
 }
 
-bool CRegistryFile::Look(CFileStamp& stamp) {
-    if (!m_pSaveCounter) MapCounter();
+// One lstat serves both ends where the path is no link, as it nearly always is.
+bool CRegistryFile::Look(CFileStamp& stamp, std::string& image) {
     const uint64_t saves = m_pSaveCounter ? ReadSaveCounter(m_pSaveCounter) : 0;
     struct stat info;
-    if (stat(m_path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    if (lstat(m_path.c_str(), &info) != 0) return false;
+    if (S_ISLNK(info.st_mode)) {
+        image = ImagePath();
+        if (image.empty() || stat(m_path.c_str(), &info) != 0) return false;
+    } else {
+        image = RegistryImage::PathFor(m_path);
+    }
+    if (!S_ISREG(info.st_mode)) return false;
     Looked(info, saves);
     stamp = CFileStamp::Of(info);
     return true;
@@ -309,6 +316,19 @@ bool CRegistryFile::Changed() const {
 }
 
 bool CRegistryFile::Outdated() {
+    // A process that only looks the file up once, as one that makes a single
+    // activation does, never maps the counter: a reader maps it at its
+    // second look, and trusts it from then on.
+    if (!m_pSaveCounter && !m_bCounterTried) {
+        m_bCounterTried = m_bLookedBefore;
+        m_bLookedBefore = true;
+        if (m_bCounterTried) MapCounter();
+        if (m_pSaveCounter) {
+            m_nSavesSeen = ReadSaveCounter(m_pSaveCounter);
+            m_nLookedAt = CoarseMilliseconds();
+        }
+        return Changed();
+    }
     if (m_pSaveCounter) {
         const uint64_t saves = ReadSaveCounter(m_pSaveCounter);
         const int64_t now = CoarseMilliseconds();

@@ -101,9 +101,11 @@ public:
     // existing file that cannot be read gives E_FAIL and is left alone.
     HRESULT Read(std::string& content, const std::string& initial);
 
-    // Looks at the file without reading it, as Read would have: Changed and
-    // Outdated then compare with what it found. False when it is not there.
-    bool Look(CFileStamp& stamp);
+    // Looks at the file without reading it, as Read would have, but without
+    // mapping the save counter: Changed and Outdated then compare with what
+    // it found. `image` receives the path of its image. False when it is not
+    // there.
+    bool Look(CFileStamp& stamp, std::string& image);
     // The stamp of the file on disk now, with no record of having looked:
     // false when it is not there.
     bool Stamp(CFileStamp& stamp) const;
@@ -197,6 +199,9 @@ private:
     // Whether this process has cleared away the temporary files of writers
     // that were killed; once is enough.
     bool m_bSwept = false;
+    // Whether Outdated has looked before, and has tried to map the counter.
+    bool m_bLookedBefore = false;
+    bool m_bCounterTried = false;
     // The lock file's save counter, when mapped; only a writable mapping
     // can count this process's own saves.
     uint64_t* m_pSaveCounter = nullptr;

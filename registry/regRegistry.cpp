@@ -44,7 +44,7 @@ const XMLCh* const kHiveRoots[] = {
 const unsigned int kHiveCount = sizeof kHiveRoots / sizeof kHiveRoots[0];
 static_assert(kHiveCount == CXMLRegistry::s_nHives, "one root path for each hive");
 
-const XMLCh kString[] = u"string";
+using RegistryRules::kString;
 const XMLCh kDword[] = u"dword";
 
 // Freed nodes leave some memory behind in the document; after this many

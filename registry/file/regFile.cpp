@@ -166,22 +166,6 @@ int64_t CoarseMilliseconds() {
 
 }  // namespace
 
-CFileIdentity CFileIdentity::Of(const struct stat& info) {
-    CFileIdentity identity;
-    identity.known = true;
-    identity.device = info.st_dev;
-    identity.inode = info.st_ino;
-    identity.size = info.st_size;
-    identity.modified = info.st_mtim;
-    return identity;
-}
-
-bool CFileIdentity::operator==(const CFileIdentity& other) const {
-    return known && other.known && device == other.device && inode == other.inode &&
-           size == other.size && modified.tv_sec == other.modified.tv_sec &&
-           modified.tv_nsec == other.modified.tv_nsec;
-}
-
 CFileStamp CFileStamp::Of(const struct stat& info) {
     CFileStamp stamp;
     stamp.device = info.st_dev;
@@ -287,7 +271,7 @@ bool CRegistryFile::Stamp(CFileStamp& stamp) const {
 }
 
 void CRegistryFile::Looked(const struct stat& info, uint64_t saves) {
-    m_known = CFileIdentity::Of(info);
+    m_known = CFileStamp::Of(info);
     m_nSavesSeen = saves;
     m_nLookedAt = CoarseMilliseconds();
 }
@@ -312,7 +296,7 @@ HRESULT CRegistryFile::CreateMissing(const std::string& initial) {
 bool CRegistryFile::Changed() const {
     struct stat info;
     if (stat(m_path.c_str(), &info) != 0) return true;
-    return CFileIdentity::Of(info) != m_known;
+    return !m_known || CFileStamp::Of(info) != *m_known;
 }
 
 bool CRegistryFile::Outdated() {
@@ -438,9 +422,12 @@ HRESULT CRegistryFile::ReplaceAtomically(const std::string& target, std::string_
         return REGDB_E_WRITEREGDB;
     }
     SyncDirectory(DirectoryOf(target));
-    m_known = CFileIdentity::Of(written);
-    if (fstat(kept, &written) == 0) stamp = CFileStamp::Of(written);
+    // Should this look fail, the stamp from before the rename makes the next
+    // look find the file changed, and read it again: no harm done.
+    fstat(kept, &written);
     close(kept);
+    stamp = CFileStamp::Of(written);
+    m_known = stamp;
     return S_OK;
 }
 
@@ -469,8 +456,8 @@ HRESULT CRegistryFile::WriteInPlace(const std::string& target, std::string_view 
         WriteAll(fd, bytes, 0) && ftruncate(fd, static_cast<off_t>(bytes.size())) == 0;
     const bool complete = SyncAndClose(fd, written) && wrote;
     if (!complete) return REGDB_E_WRITEREGDB;
-    m_known = CFileIdentity::Of(written);
     stamp = CFileStamp::Of(written);
+    m_known = stamp;
     return S_OK;
 }
 

@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -47,23 +48,9 @@ inline uint64_t ReadSaveCounter(const uint64_t* counter) {
     return __atomic_load_n(counter, __ATOMIC_ACQUIRE);
 }
 
-// What tells one version of the file from another: a save makes a new file,
-// so its inode changes; an edit in place changes its size or time.
-struct CFileIdentity {
-    bool known = false;
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    struct timespec modified = {0, 0};
-
-    static CFileIdentity Of(const struct stat& info);
-    bool operator==(const CFileIdentity& other) const;
-    bool operator!=(const CFileIdentity& other) const { return !(*this == other); }
-};
-
-// What names one version of the file for its image. A save makes a new
-// file; any write to a file moves its change time, which, unlike the
-// modification time, no one can set back.
+// What tells one version of the file from another, to a process and to the
+// file's image. A save makes a new file; any write to a file moves its
+// change time, which, unlike the modification time, no one can set back.
 struct CFileStamp {
     uint64_t device = 0;
     uint64_t inode = 0;
@@ -75,6 +62,7 @@ struct CFileStamp {
 
     static CFileStamp Of(const struct stat& info);
     bool operator==(const CFileStamp& other) const;
+    bool operator!=(const CFileStamp& other) const { return !(*this == other); }
 };
 
 // How long a writer waits for the writers' lock, and a thread for another
@@ -122,7 +110,7 @@ public:
     void SignalSave();
     // Makes the next Changed() true, after this process's copy has parted
     // from the file.
-    void Forget() { m_known.known = false; }
+    void Forget() { m_known.reset(); }
 
     // Replaces the file's content, or returns REGDB_E_WRITEREGDB with the file
     // as it was. See ReplaceAtomically and WriteInPlace. `written` receives
@@ -192,7 +180,7 @@ private:
     void MapCounter();
 
     std::string m_path;
-    CFileIdentity m_known;
+    std::optional<CFileStamp> m_known;
     CFileStamp m_readStamp;
     int m_lockFd = -1;
     pid_t m_lockOwner = 0;

@@ -1,8 +1,8 @@
 // A document as text: every node's type, name, value and attributes, in
 // order, with a mark wherever a link read from one end disagrees with the
 // other. Two documents built alike describe alike.
-#ifndef VELTCOM_TESTS_DOMDESCRIPTION_H
-#define VELTCOM_TESTS_DOMDESCRIPTION_H
+#ifndef VELTCOM_FUZZ_DOMDESCRIPTION_H
+#define VELTCOM_FUZZ_DOMDESCRIPTION_H
 
 #include <string>
 

@@ -121,23 +121,8 @@ TEST_F(RegistryDocument, PathsMatchTheFirstChildOfAnyTypeAndEmptyPiecesNothing) 
         found = untouched;
         EXPECT_EQ(ResolveKey(m_root, path, &found), 0);
         EXPECT_EQ(found, untouched);
+        EXPECT_EQ(DeleteKey(m_root, path), 0);
     }
-    // Creation makes each missing level once; bad names are left to the DOM,
-    // which the registry object screens for.
-    DOMNode* created = nullptr;
-    ASSERT_EQ(CreateKey(m_doc, m_root, u"A\\B\\C", &created), 1);
-    EXPECT_EQ(CreateKey(m_doc, m_root, u"A\\B\\C", &found), 1);
-    EXPECT_EQ(found, created);
-    EXPECT_EQ(CreateKey(m_doc, m_root, u"A\\D", &found), 1);
-    EXPECT_EQ(Tree(), "<r>\ntext\n<A n = \"1\"><B><C/></B><D/></A><A n = \"2\"/></r>");
-    found = untouched;
-    EXPECT_THROW(CreateKey(m_doc, m_root, u"{x}", &found), xercesc::DOMException);
-    EXPECT_EQ(found, untouched);
-    // Deletion takes the whole subtree; a miss changes nothing.
-    EXPECT_EQ(DeleteKey(m_root, u"A\\X"), 0);
-    EXPECT_EQ(DeleteKey(m_root, u""), 0);
-    EXPECT_EQ(DeleteKey(m_root, u"A"), 1);
-    EXPECT_EQ(Tree(), "<r>\ntext\n<A n = \"2\"/></r>");
 }
 
 TEST_F(RegistryDocument, ValuesAreReplacedWhereTheyStandAndReadOnlyWithExactlyThreeAttributes) {
@@ -266,41 +251,6 @@ TEST_F(RegistryDocument, SavesWithKeptSubtreesWriteWhatAFreshWriteGives) {
     SavedSubtrees::Attach(nullptr);
 }
 
-// Hand-written files and a registry as registration writes it, whose large
-// keys are found through tables: a reader of the image sees what a reader of
-// the parsed document sees.
-TEST_F(RegistryDocument, TheImageShowsWhatTheDocumentShows) {
-    std::string generated = "<Software><Quorvane><Version><Classes><CLSID>";
-    std::string progIds;
-    for (int i = 0; i < 300; ++i) {
-        const std::string id = "_" + std::to_string(10000000 + i) + "-be4c-4a11-9e21-5a0c77d31042_";
-        const std::string progId = "Bench.Class" + std::to_string(i % 280);
-        generated += "<" + id + " default = \"" + progId + "\"><InprocServer32 default = \"libx.so\"/>" +
-                     "<ProgID default = \"" + progId + "\"/></" + id + ">";
-        progIds += "<" + progId + "><CLSID default = \"" + id + "\"/></" + progId + ">";
-    }
-    generated += "</CLSID>" + progIds + "</Classes></Version></Quorvane></Software>";
-    const std::string documents[] = {
-        CXMLRegistry::s_rgcDefaultRegistry,
-        "<a>\n  <b x='1' y=\"&lt;&#9;&#xe9;\" z=''/>\n  <!-- note --><?tool go?><![CDATA[<raw>]]>t&amp;u"
-        "<c><d/><d/>text</c>\n</a>",
-        "<k><item name='v' type='string' value='1' extra='x'/><item type='dword' name='w' value='2'/>"
-        "<\xC3\xA9t\xC3\xA9 default='\xE2\x82\xAC &#x1F600;'/></k>",
-        generated,
-    };
-    for (const std::string& text : documents) {
-        Load(text);
-        CWritten written;
-        ASSERT_TRUE(BuildImage(m_doc, written)) << text.substr(0, 60);
-        imagetest::CImageFile image;
-        image.Add(written);
-        const std::unique_ptr<CRegistryImage> mapped = image.Map();
-        ASSERT_TRUE(mapped) << text.substr(0, 60);
-        EXPECT_EQ(imagetest::Disagreement(m_doc, *mapped), "") << text.substr(0, 60);
-    }
-    SavedSubtrees::Attach(nullptr);
-}
-
 // Keys are all element children, other children count as null slots; a
 // value lands in the slot of its name attribute's position, and attributes
 // stand in name order ("a" before "name").
@@ -323,42 +273,10 @@ EnumPtr MakeEnum(std::vector<const wchar_t*> names) {
     return e;
 }
 
-TEST(RegistryEnumItems, NextSaysWhetherItFilledTheRequest) {
-    EnumPtr e = MakeEnum({L"a", L"b", L"c"});
-    wchar_t* names[3] = {};
-    unsigned long fetched = 0xdeadbeef;
-    EXPECT_EQ(e->Next(0, names, &fetched), S_OK);
-    EXPECT_EQ(fetched, 0u);
-    EXPECT_EQ(e->Next(2, names, &fetched), S_OK);
-    EXPECT_EQ(fetched, 2u);
-    EXPECT_EQ(e->Next(2, names + 2, &fetched), S_FALSE);
-    EXPECT_EQ(fetched, 1u);
-    EXPECT_EQ(Take(names[0]) + Take(names[1]) + Take(names[2]), L"abc");
-    EXPECT_EQ(e->Next(1, nullptr, &fetched), E_POINTER);
-    EXPECT_EQ(e->Next(1, names, nullptr), E_POINTER);
-    EXPECT_EQ(e->get_Index(nullptr), E_POINTER);
-}
-
-// set_Index answers S_FALSE when it moves and S_OK at the end; Skip has no
-// bound and wraps at 32 bits.
-TEST(RegistryEnumItems, PositionCodesAreReversedAndSkipIsUnbounded) {
-    EnumPtr e = MakeEnum({L"a", L"b"});
-    EXPECT_EQ(e->set_Index(1), S_FALSE);
-    EXPECT_EQ(Remaining(e), Names{L"b"});
-    EXPECT_EQ(e->set_Index(5), S_OK);
-    EXPECT_EQ(IndexOf(e), 2u);
-    EXPECT_EQ(e->Skip(3), S_OK);
-    EXPECT_EQ(IndexOf(e), 5u);
-    EXPECT_EQ(Remaining(e), Names{});
-    EXPECT_EQ(e->Skip(0xFFFFFFFCul), S_OK);
-    EXPECT_EQ(IndexOf(e), 1u);
-    EXPECT_EQ(e->SkipEnd(), S_OK);
-    EXPECT_EQ(IndexOf(e), 2u);
-    EXPECT_EQ(e->Reset(), S_OK);
-    EXPECT_EQ(Remaining(e), (Names{L"a", L"b"}));
-}
-
-TEST(RegistryEnumItems, CloneKeepsThePositionAndOwnsCopiesAndObjectsHoldTheModule) {
+// Next says whether it filled the request; set_Index answers S_FALSE when
+// it moves and S_OK at the end; Skip has no bound and wraps at 32 bits; a
+// clone keeps the position and owns copies; objects hold the module.
+TEST(RegistryEnumItems, CodesPositionsAndClones) {
     const int locks = g_theModule.GetLockCount();
     EnumPtr e = MakeEnum({L"a", nullptr, L"c"});
     EXPECT_EQ(g_theModule.GetLockCount(), locks + 1);
@@ -367,9 +285,33 @@ TEST(RegistryEnumItems, CloneKeepsThePositionAndOwnsCopiesAndObjectsHoldTheModul
     EXPECT_EQ(out, nullptr);
     ASSERT_EQ(e->QueryInterface(COM_IID_IUnknown, &out), S_OK);
     static_cast<COM_IUnknown*>(out)->Release();
+    wchar_t* names[3] = {};
+    unsigned long fetched = 0xdeadbeef;
+    EXPECT_EQ(e->Next(0, names, &fetched), S_OK);
+    EXPECT_EQ(fetched, 0u);
+    EXPECT_EQ(e->Next(2, names, &fetched), S_OK);
+    EXPECT_EQ(fetched, 2u);
+    EXPECT_EQ(e->Next(2, names + 2, &fetched), S_FALSE);
+    EXPECT_EQ(fetched, 1u);
+    EXPECT_EQ(Take(names[0]) + L"," + Take(names[1]) + L"," + Take(names[2]), L"a,,c");
+    EXPECT_EQ(e->Next(1, nullptr, &fetched), E_POINTER);
+    EXPECT_EQ(e->Next(1, names, nullptr), E_POINTER);
+    EXPECT_EQ(e->get_Index(nullptr), E_POINTER);
+
     EXPECT_EQ(e->set_Index(1), S_FALSE);
     EnumPtr clone;
     ASSERT_EQ(e->Clone(clone.Out()), S_OK);
+    EXPECT_EQ(e->set_Index(5), S_OK);
+    EXPECT_EQ(IndexOf(e), 3u);
+    EXPECT_EQ(e->Skip(3), S_OK);
+    EXPECT_EQ(IndexOf(e), 6u);
+    EXPECT_EQ(Remaining(e), Names{});
+    EXPECT_EQ(e->Skip(0xFFFFFFFCul), S_OK);
+    EXPECT_EQ(IndexOf(e), 2u);
+    EXPECT_EQ(e->SkipEnd(), S_OK);
+    EXPECT_EQ(IndexOf(e), 3u);
+    EXPECT_EQ(e->Reset(), S_OK);
+    EXPECT_EQ(Remaining(e), (Names{L"a", kNull, L"c"}));
     e.Reset();
     EXPECT_EQ(IndexOf(clone), 1u);
     EXPECT_EQ(Remaining(clone), (Names{kNull, L"c"}));

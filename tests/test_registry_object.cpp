@@ -94,9 +94,19 @@ protected:
 
 bool RegistryObject::s_bCreated = false;
 
-TEST_F(RegistryObject, AMissingFileIsCreatedInComlibAndAllCallersShareOneObject) {
-    ASSERT_EQ(mkdir(PathOf("lib").c_str(), 0755), 0);
+// Unusable locations fail without leaving an object behind; then a missing
+// file is made in COMLIB, and every caller shares the one object.
+TEST_F(RegistryObject, UnusableLocationsFailAndAMissingFileIsMadeInComlib) {
+    ASSERT_EQ(mkdir(PathOf("Registry.XML").c_str(), 0755), 0);
+    EXPECT_EQ(Create(), E_FAIL);
+    setenv("COMLIB", (m_dir + "/" + std::string(PATH_MAX, 'a')).c_str(), 1);
+    EXPECT_EQ(Create(), E_FAIL);
+    setenv("COMLIB", PathOf("missing").c_str(), 1);
+    EXPECT_EQ(Create(), REGDB_E_WRITEREGDB);
+    setenv("COMLIB", "\xE9", 1);  // a lone byte above 0x7F is no character in the C locale
+    EXPECT_THROW(Create(), std::bad_alloc);
     setenv("COMLIB", PathOf("lib").c_str(), 1);
+    ASSERT_EQ(mkdir(PathOf("lib").c_str(), 0755), 0);
     ASSERT_EQ(Create(), S_OK);
     EXPECT_EQ(ReadFile("lib/Registry.XML"), kDefaultFile);
     EXPECT_EQ(Registry().Get(), m_reg.Get());
@@ -109,20 +119,6 @@ TEST_F(RegistryObject, AMissingFileIsCreatedInComlibAndAllCallersShareOneObject)
     EXPECT_EQ(CXMLRegistry::CreateInstance(COM_IID_IEnumBSTR, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(CXMLRegistry::CreateInstance(COM_IID_IRegistry, nullptr), E_POINTER);
-}
-
-TEST_F(RegistryObject, UnusableLocationsFailWithoutLeavingAnObject) {
-    ASSERT_EQ(mkdir(PathOf("Registry.XML").c_str(), 0755), 0);
-    EXPECT_EQ(Create(), E_FAIL);
-    setenv("COMLIB", (m_dir + "/" + std::string(PATH_MAX, 'a')).c_str(), 1);
-    EXPECT_EQ(Create(), E_FAIL);
-    setenv("COMLIB", PathOf("missing").c_str(), 1);
-    EXPECT_EQ(Create(), REGDB_E_WRITEREGDB);
-    setenv("COMLIB", "\xE9", 1);  // a lone byte above 0x7F is no character in the C locale
-    EXPECT_THROW(Create(), std::bad_alloc);
-    setenv("COMLIB", PathOf("lib").c_str(), 1);
-    ASSERT_EQ(mkdir(PathOf("lib").c_str(), 0755), 0);
-    EXPECT_EQ(Create(), S_OK);
 }
 
 TEST_F(RegistryObject, OpenTakesHivesOneToFiveThatTheDocumentHolds) {

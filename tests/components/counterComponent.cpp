@@ -4,26 +4,9 @@
 
 namespace {
 
-class CCounter : public ICounter,
-                 public COM_CComObjectRoot,
-                 public COM_CComCoClass<CCounter, &CLSID_Counter> {
+class CCounter : public COM_CImplements<CCounter, ICounter> {
 public:
-    COM_DECLARE_REGISTRY(L"Test.Counter", L"Test counter", L"Counts calls")
-    COM_IMPLEMENT_REFCOUNT()
-
-    HRESULT QueryInterface(const COM_GUID& iid, void** out) override {
-        if (!out) return E_POINTER;
-        if (iid == COM_IID_IUnknown || iid == IID_ICounter) {
-            *out = static_cast<ICounter*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-
     HRESULT Increment(long* value) override {
-        if (!value) return E_POINTER;
         *value = ++m_nValue;
         return S_OK;
     }
@@ -32,10 +15,13 @@ private:
     long m_nValue = 0;
 };
 
+const COM_CLASSINFO kCounter = {&CLSID_Counter, L"Test.Counter", L"Test counter", L"Counts calls",
+                                nullptr,        nullptr,         nullptr};
+
 }  // namespace
 
 COM_BEGIN_OBJECT_MAP(s_objectMap)
-COM_OBJECT_ENTRY(CLSID_Counter, CCounter)
+COM_OBJECT_ENTRY_CLASS(kCounter, CCounter)
 COM_END_OBJECT_MAP()
 
 COM_DEFINE_MODULE(s_objectMap, "libtestcounter.so")

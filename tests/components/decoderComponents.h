@@ -15,8 +15,8 @@ const COM_GUID CLSID_PlainDecoder = {0x5A1E0102, 0x0000, 0x4000, {0x80, 0, 0, 0,
 #define DECODER_DATA_UNSUPPORTED L"unsupported"  // MK_E_EXTENSIONNOTSUPPORTED
 #define DECODER_DATA_FAILING L"fail"             // E_FAIL
 
-// A code with this number makes the recording decoder fail with
-// kDecoderFailure and leave the text alone.
+// A code with this number makes a decoder fail with kDecoderFailure and
+// leave the text alone.
 const unsigned kFailingCodeNumber = 0xFA11;
 const HRESULT kDecoderFailure = static_cast<HRESULT>(0x8067DEAD);
 

@@ -4,27 +4,19 @@
 
 namespace {
 
-class CFailingFactory : public COM_IClassFactory {
-public:
-    HRESULT QueryInterface(const COM_GUID& iid, void** out) override {
-        if (iid == COM_IID_IUnknown || iid == COM_IID_IClassFactory) {
-            *out = static_cast<COM_IClassFactory*>(this);
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    unsigned long AddRef() override { return 1; }
-    unsigned long Release() override { return 1; }
-    HRESULT CreateInstance(const COM_GUID&, void** out) override {
+struct CFailing {
+    static HRESULT CreateInstance(const COM_GUID&, void** out) {
         *out = nullptr;
         return kFailingFactoryResult;
     }
 };
 
-CFailingFactory s_failingFactory;
+COM_CClassFactory<CFailing> s_failingFactory;
 
 }  // namespace
+
+// Holds the factory's locks; nothing is registered through it.
+COM_CComModule g_theModule(nullptr, "libtestfaulty.so");
 
 extern "C" HRESULT GetClassObject(const COM_GUID& clsid, const COM_GUID& iid, void** out) {
     if (clsid == CLSID_FailingFactory) return s_failingFactory.QueryInterface(iid, out);

@@ -1,47 +1,35 @@
 // A component of kManyClasses classes, each with a ProgID, a display name and
 // a description, written with the same macros as any component.
-#include <string>
-
 #include "testComponents.h"
 
 namespace {
 
-template <unsigned int N>
-struct CManyId {
-    static const COM_GUID value;
-};
-template <unsigned int N>
-const COM_GUID CManyId<N>::value = ManyClassId(N);
+// The classes differ only in their registration: one class serves them all.
+class CMany : public COM_CImplements<CMany, COM_IUnknown> {};
 
-// "Test.Many<N>"; made once, since the registration keeps no copy.
-template <unsigned int N>
-const wchar_t* ManyProgId() {
-    static const std::wstring text = L"Test.Many" + std::to_wstring(N);
-    return text.c_str();
+// "Test.Many<n>", made at compile time, since the registration keeps no copy.
+struct ManyProgId {
+    wchar_t text[13] = L"Test.Many";
+};
+constexpr ManyProgId MakeManyProgId(unsigned int n) {
+    ManyProgId id;
+    const int digits = n < 10 ? 1 : n < 100 ? 2 : 3;
+    for (int i = digits; i > 0; --i, n /= 10) id.text[8 + i] = static_cast<wchar_t>(L'0' + n % 10);
+    return id;
 }
 
 template <unsigned int N>
-class CMany : public COM_IUnknown,
-              public COM_CComObjectRoot,
-              public COM_CComCoClass<CMany<N>, &CManyId<N>::value> {
-public:
-    // The macro names it unqualified; a template must say whose it is.
-    using COM_CComCoClass<CMany<N>, &CManyId<N>::value>::GetObjectCLSID;
-    COM_DECLARE_REGISTRY(ManyProgId<N>(), L"A class of many", L"One of the many classes")
-    COM_IMPLEMENT_REFCOUNT()
-
-    HRESULT QueryInterface(const COM_GUID& iid, void** out) override {
-        if (!out) return E_POINTER;
-        *out = iid == COM_IID_IUnknown ? static_cast<COM_IUnknown*>(this) : nullptr;
-        if (!*out) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
+struct ManyClass {
+    static constexpr COM_GUID id = ManyClassId(N);
+    static constexpr ManyProgId progId = MakeManyProgId(N);
+    static constexpr COM_CLASSINFO info = {
+        &id,     progId.text, L"A class of many", L"One of the many classes", nullptr,
+        nullptr, nullptr};
 };
 
 }  // namespace
 
-#define MANY_ENTRY(n) COM_OBJECT_ENTRY(CManyId<(n)>::value, CMany<(n)>)
+#define MANY_ENTRY(n) COM_OBJECT_ENTRY_CLASS(ManyClass<(n)>::info, CMany)
 #define MANY_ENTRIES_10(n)                                                                 \
     MANY_ENTRY(n) MANY_ENTRY(n + 1) MANY_ENTRY(n + 2) MANY_ENTRY(n + 3) MANY_ENTRY(n + 4) \
     MANY_ENTRY(n + 5) MANY_ENTRY(n + 6) MANY_ENTRY(n + 7) MANY_ENTRY(n + 8) MANY_ENTRY(n + 9)

@@ -38,4 +38,10 @@ public:
     virtual HRESULT Increment(long* value) = 0;
 };
 
+template <>
+struct COM_InterfaceTraits<ICounter> {
+    using Base = COM_IUnknown;
+    static const COM_GUID& iid() { return IID_ICounter; }
+};
+
 #endif

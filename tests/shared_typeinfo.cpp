@@ -10,44 +10,6 @@ using TypeInfoPtr = utlAutoIf<COM_ITypeInfo, &COM_IID_ITypeInfo>;
 
 class TypeInfoTest : public ToolTest {};
 
-std::string Narrow(wchar_t* text) {
-    const std::wstring wide = Take(text);
-    return std::string(wide.begin(), wide.end());
-}
-
-// Every field of every interface, as the runtime hands it out, against the
-// tables the component was built with.
-void ExpectSameAsTables(const COM_TYPEINTERFACE& table) {
-    TypeInfoPtr info;
-    ASSERT_EQ(COM_GetTypeInfo(*table.iid, info.Out()), S_OK) << table.name;
-    wchar_t* text = nullptr;
-    COM_GUID base;
-    unsigned int count = 0;
-    EXPECT_EQ(info->GetName(&text), S_OK);
-    EXPECT_EQ(Narrow(text), table.name);
-    EXPECT_EQ(info->GetBase(&base, &text), S_OK);
-    EXPECT_EQ(Narrow(text), table.baseName);
-    EXPECT_EQ(base, *table.baseIid);
-    EXPECT_EQ(info->GetMethodCount(&count), S_OK);
-    ASSERT_EQ(count, table.methodCount);
-    for (unsigned int m = 0; m < count; ++m) {
-        unsigned int params = 0;
-        EXPECT_EQ(info->GetMethod(m, &text, &params), S_OK);
-        EXPECT_EQ(Narrow(text), table.methods[m].name);
-        ASSERT_EQ(params, table.methods[m].paramCount);
-        for (unsigned int p = 0; p < params; ++p) {
-            wchar_t* type = nullptr;
-            unsigned int flags = 0;
-            EXPECT_EQ(info->GetParam(m, p, &text, &type, &flags), S_OK);
-            EXPECT_EQ(Narrow(text), table.methods[m].params[p].name);
-            EXPECT_EQ(Narrow(type), table.methods[m].params[p].type);
-            EXPECT_EQ(flags, table.methods[m].params[p].flags);
-        }
-        EXPECT_EQ(info->GetParam(m, params, &text, &text, &count), E_INVALIDARG);
-    }
-    EXPECT_EQ(info->GetMethod(count, &text, &count), E_INVALIDARG);
-}
-
 TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent) {
     COM_ITypeInfo* none = Unwritten<COM_ITypeInfo>();
     EXPECT_EQ(COM_GetTypeInfo(IID_ICalc, &none), REGDB_E_KEYMISSING);
@@ -57,7 +19,23 @@ TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent
     // The runtime's hresult binder routes the facility to its decoder.
     RunOk({"register", VELTCOM_LIBRARY_PATH});
     RegisterWithTool(COMPONENT_testidl);
-    for (const COM_TYPEINTERFACE& table : TYPEINTERFACES_idlSample) ExpectSameAsTables(table);
+    // What the description below leaves out: the base's identifier, the flags
+    // as they are, and the ends of the lists.
+    TypeInfoPtr info;
+    ASSERT_EQ(COM_GetTypeInfo(IID_ICalcMore, info.Out()), S_OK);
+    COM_GUID base;
+    wchar_t *text = nullptr, *type = nullptr;
+    unsigned int flags = 0;
+    ASSERT_EQ(info->GetBase(&base, &text), S_OK);
+    EXPECT_EQ(base, IID_ICalc);
+    EXPECT_EQ(Take(text), L"ICalc");
+    for (unsigned int param : {0u, 1u}) {
+        ASSERT_EQ(info->GetParam(0, param, &text, &type, &flags), S_OK);
+        EXPECT_EQ(Take(text) + L" " + Take(type), param ? L"mode SampleMode" : L"value double*");
+        EXPECT_EQ(flags, param ? COM_PARAM_IN : COM_PARAM_IN | COM_PARAM_OUT);
+    }
+    EXPECT_EQ(info->GetMethod(5, &text, &flags), E_INVALIDARG);
+    EXPECT_EQ(info->GetParam(0, 2, &text, &type, &flags), E_INVALIDARG);
     // Another identifier pointed at the library: its tables do not hold it.
     RunOk({"reg", "set", "1", "Interface\\" + Text(COM_IID_IMemory), "Library", "libtestidl.so"});
     EXPECT_EQ(COM_GetTypeInfo(COM_IID_IMemory, &none), E_NOINTERFACE);
@@ -67,7 +45,6 @@ TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent
     EXPECT_EQ(COM_GetTypeInfo(COM_IID_IMemory, &none), CO_E_DLLNOTFOUND);
     utlAutoIf<COM_IErrorInfo, &COM_IID_IErrorInfo> error;
     ASSERT_EQ(COM_GetErrorInfo(error.Out()), S_OK);
-    wchar_t* text = nullptr;
     ASSERT_EQ(error->GetLocation(&text), S_OK);
     EXPECT_EQ(Take(text), L"JCOM_API:COM_GetTypeInfo");
     ASSERT_EQ(error->GetDescription(&text), S_OK);

@@ -64,15 +64,11 @@ protected:
 
 }  // namespace
 
-TEST_F(CategoryManager, ServesItsTwoInterfacesAtDifferentPointersWithOneCount) {
+TEST_F(CategoryManager, InterfacesShareOneCountAndTheManagerAndEnumeratorsHoldTheModule) {
     CatInformationPtr information;
     ASSERT_EQ(information.QueryFrom(m_spCat), S_OK);
-    EXPECT_NE(static_cast<void*>(information.Get()), static_cast<void*>(m_spCat.Get()));
-    EXPECT_EQ(information->AddRef(), 3u);
-    EXPECT_EQ(m_spCat->Release(), 2u);
-}
-
-TEST_F(CategoryManager, ManagerAndEnumeratorsHoldTheModule) {
+    EXPECT_EQ(RefCount(information), 2u);
+    information.Reset();
     EXPECT_EQ(CanUnloadNow(), S_FALSE);
     EnumCategoriesPtr categories;
     ASSERT_EQ(m_spCat->EnumCategories(categories.Out()), S_OK);
@@ -82,9 +78,16 @@ TEST_F(CategoryManager, ManagerAndEnumeratorsHoldTheModule) {
     EXPECT_EQ(CanUnloadNow(), S_OK);
 }
 
-TEST_F(CategoryManager, ClassJoinsACategoryBeforeItIsRegisteredAndLeavesWithIt) {
+TEST_F(CategoryManager, MembershipsAndDescriptionsFollowTheRegistryAndMissingKeysGiveItsCodes) {
+    EXPECT_EQ(m_spCat->GetCategoryDescription(kA, nullptr), E_POINTER);
+    EXPECT_EQ(m_spCat->UnRegisterCategory(kA), REGDB_E_WRITEREGDB);
+    EXPECT_EQ(m_spCat->UnRegisterClassInCategory(kA, kB), REGDB_E_KEYMISSING);
+    wchar_t* text = nullptr;
+    EXPECT_EQ(m_spCat->GetCategoryDescription(kA, &text), REGDB_E_KEYMISSING);
+    // A class joins a category before it is registered.
     for (const COM_GUID& id : {kB, kC}) ASSERT_EQ(m_spCat->RegisterClassInCategory(kA, id), S_OK);
-    wchar_t* text = Unwritten<wchar_t>();
+    EXPECT_EQ(m_spCat->UnRegisterClassInCategory(kA, kA), REGDB_E_WRITEREGDB);
+    text = Unwritten<wchar_t>();
     EXPECT_EQ(m_spCat->GetCategoryDescription(kA, &text), REGDB_E_INVALIDVALUE);
     EXPECT_EQ(text, Unwritten<wchar_t>());
     // Registering it twice replaces the description and keeps the members.
@@ -99,16 +102,6 @@ TEST_F(CategoryManager, ClassJoinsACategoryBeforeItIsRegisteredAndLeavesWithIt) 
     COM_IEnumCLSID* classes = Unwritten<COM_IEnumCLSID>();
     EXPECT_EQ(m_spCat->EnumClassesOfCategory(kA, &classes), REGDB_E_KEYMISSING);
     EXPECT_EQ(classes, Unwritten<COM_IEnumCLSID>());
-}
-
-TEST_F(CategoryManager, MissingKeysGiveTheRegistryCodeAndANullOutputEPointerFirst) {
-    EXPECT_EQ(m_spCat->GetCategoryDescription(kA, nullptr), E_POINTER);
-    EXPECT_EQ(m_spCat->UnRegisterCategory(kA), REGDB_E_WRITEREGDB);
-    EXPECT_EQ(m_spCat->UnRegisterClassInCategory(kA, kB), REGDB_E_KEYMISSING);
-    wchar_t* text = nullptr;
-    EXPECT_EQ(m_spCat->GetCategoryDescription(kA, &text), REGDB_E_KEYMISSING);
-    ASSERT_EQ(m_spCat->RegisterClassInCategory(kA, kC), S_OK);
-    EXPECT_EQ(m_spCat->UnRegisterClassInCategory(kA, kB), REGDB_E_WRITEREGDB);
 }
 
 TEST_F(CategoryManager, RecordsHoldTheCurrentDescriptionCutToFitAndFailAtOneWithout) {
@@ -164,7 +157,7 @@ protected:
 using EnumeratorKinds = ::testing::Types<EnumCategoriesPtr, EnumClassesPtr>;
 TYPED_TEST_SUITE(Enumerator, EnumeratorKinds);
 
-TYPED_TEST(Enumerator, NextHandsOutASnapshotInOrderAndSaysWhenItRanShort) {
+TYPED_TEST(Enumerator, NextAndTheCursorWalkASnapshotAndClonesKeepThePosition) {
     auto list = this->Open();
     this->Open({COM_CLSID_Registry});  // added after the snapshot
     unsigned long count = kUnwrittenCount;
@@ -179,51 +172,44 @@ TYPED_TEST(Enumerator, NextHandsOutASnapshotInOrderAndSaysWhenItRanShort) {
     // A huge count on a short list hands out only what is left.
     ASSERT_EQ(list->set_Index(1), S_OK);
     EXPECT_EQ(Next(list.Get(), ULONG_MAX, S_FALSE), (Ids{kB, kC}));
-}
 
-TYPED_TEST(Enumerator, CursorNeverStandsOnTheEnd) {
-    auto list = this->Open();
+    // The cursor never stands on the end.
     ASSERT_EQ(list->set_Index(1), S_OK);
     for (unsigned long n : {2ul, ULONG_MAX, ULONG_MAX - 1}) EXPECT_EQ(list->Skip(n), S_FALSE);
     EXPECT_EQ(list->set_Index(3), S_FALSE);
     EXPECT_EQ(list->set_Index(ULONG_MAX), S_FALSE);
     EXPECT_EQ(this->IndexOf(list), 1u);
-
     EXPECT_EQ(list->Skip(1), S_OK);
     EXPECT_EQ(this->IndexOf(list), 2u);
     EXPECT_EQ(list->Reset(), S_OK);
     EXPECT_EQ(this->IndexOf(list), 0u);
     EXPECT_EQ(list->SkipEnd(), S_OK);
     EXPECT_EQ(Next(list.Get(), 1, S_OK), Ids{kC});
-}
 
-TYPED_TEST(Enumerator, EmptyListLeavesFetchedAloneAndSkipEndWraps) {
-    auto list = this->Open({});
-    auto* element = Unwritten<typename TestFixture::Element>();
-    unsigned long fetched = kUnwrittenCount;
-    EXPECT_EQ(list->Skip(0), S_FALSE);
-    EXPECT_EQ(list->SkipEnd(), S_OK);
-    EXPECT_EQ(this->IndexOf(list), ULONG_MAX);
-    EXPECT_EQ(list->Next(1, &element, &fetched), S_FALSE);
-    EXPECT_EQ(fetched, kUnwrittenCount);
-    EXPECT_EQ(element, Unwritten<typename TestFixture::Element>());
-}
-
-TYPED_TEST(Enumerator, CloneKeepsThePositionAndOutlivesItsSource) {
-    auto list = this->Open();
+    // A clone still reads the names after its source is gone; each is freed
+    // once.
+    ASSERT_EQ(list->Reset(), S_OK);
     ASSERT_EQ(Next(list.Get(), 1, S_OK), Ids{kA});
     TypeParam clone;
     ASSERT_EQ(list->Clone(clone.Out()), S_OK);
     EXPECT_EQ(RefCount(clone), 1u);
     EXPECT_EQ(Next(clone.Get(), 1, S_OK), Ids{kB});
     EXPECT_EQ(this->IndexOf(list), 1u);
-    // The clone still reads the names after its source is gone; each is
-    // freed once.
     list.Reset();
     EXPECT_EQ(Next(clone.Get(), 1, S_OK), Ids{kC});
 }
 
-TYPED_TEST(Enumerator, NextStopsAtANameThatIsNotAnIdentifier) {
+TYPED_TEST(Enumerator, EmptyListLeavesFetchedAloneAndNextStopsAtANameThatIsNotAnIdentifier) {
+    auto empty = this->Open({});
+    auto* element = Unwritten<typename TestFixture::Element>();
+    unsigned long fetched = kUnwrittenCount;
+    EXPECT_EQ(empty->Skip(0), S_FALSE);
+    EXPECT_EQ(empty->SkipEnd(), S_OK);
+    EXPECT_EQ(this->IndexOf(empty), ULONG_MAX);
+    EXPECT_EQ(empty->Next(1, &element, &fetched), S_FALSE);
+    EXPECT_EQ(fetched, kUnwrittenCount);
+    EXPECT_EQ(element, Unwritten<typename TestFixture::Element>());
+
     this->Open({kA});
     RegistryPtr registry = Registry();
     const std::wstring parent = this->kClasses ? L"ComponentCategories\\" + TextOf(kA)
@@ -231,7 +217,6 @@ TYPED_TEST(Enumerator, NextStopsAtANameThatIsNotAnIdentifier) {
     ASSERT_EQ(registry->Open(1, parent.c_str()), S_OK);
     ASSERT_EQ(registry->CreateKey(L"NotAnIdentifier", 0), S_OK);
     auto list = this->Open({kC});
-
     // What came before the bad name is handed out and counted.
     EXPECT_EQ(Next(list.Get(), 3, E_INVALIDARG), Ids{kA});
     EXPECT_EQ(this->IndexOf(list), 1u);

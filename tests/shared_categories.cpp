@@ -4,7 +4,6 @@
 
 #include <climits>
 #include <cstring>
-#include <type_traits>
 
 #include "testComponents.h"
 #include "testSupport.h"
@@ -46,6 +45,13 @@ Ids Next(Enum* list, unsigned long celt, HRESULT expected) {
     return ids;
 }
 
+template <class Enum>
+unsigned long IndexOf(Enum* list) {
+    unsigned long index = kUnwrittenCount;
+    EXPECT_EQ(list->get_Index(&index), S_OK);
+    return index;
+}
+
 class CategoryManager : public ComponentTest {
 protected:
     void SetUp() override {
@@ -57,6 +63,14 @@ protected:
         EnumClassesPtr classes;
         EXPECT_EQ(m_spCat->EnumClassesOfCategory(catid, classes.Out()), S_OK);
         return classes.IsNull() ? Ids{} : Next(classes.Get(), 4, S_FALSE);
+    }
+
+    // Adds the ids as categories, then lists the categories.
+    EnumCategoriesPtr Open(const Ids& ids = {kA, kB, kC}) {
+        for (const COM_GUID& id : ids) EXPECT_EQ(m_spCat->RegisterCategory(id, L"listed"), S_OK);
+        EnumCategoriesPtr list;
+        EXPECT_EQ(m_spCat->EnumCategories(list.Out()), S_OK);
+        return list;
     }
 
     CatRegisterPtr m_spCat;
@@ -124,42 +138,10 @@ TEST_F(CategoryManager, RecordsHoldTheCurrentDescriptionCutToFitAndFailAtOneWith
     for (int i : {0, 1}) COM_TaskMemFree(records[i]);
 }
 
-// Both enumerators: the category list, or the class list of category kA.
-template <class Ptr>
-class Enumerator : public CategoryManager {
-protected:
-    static constexpr bool kClasses = std::is_same<Ptr, EnumClassesPtr>::value;
-    using Element = std::conditional_t<kClasses, COM_GUID, COM_CATEGORYINFO>;
-
-    // Adds the ids to the list, then opens it.
-    Ptr Open(const Ids& ids = {kA, kB, kC}) {
-        for (const COM_GUID& id : ids)
-            EXPECT_EQ(kClasses ? m_spCat->RegisterClassInCategory(kA, id)
-                               : m_spCat->RegisterCategory(id, L"listed"),
-                      S_OK);
-        Ptr list;
-        if constexpr (kClasses) {
-            EXPECT_EQ(m_spCat->RegisterCategory(kA, L"holder"), S_OK);
-            EXPECT_EQ(m_spCat->EnumClassesOfCategory(kA, list.Out()), S_OK);
-        } else {
-            EXPECT_EQ(m_spCat->EnumCategories(list.Out()), S_OK);
-        }
-        return list;
-    }
-
-    static unsigned long IndexOf(const Ptr& list) {
-        unsigned long index = kUnwrittenCount;
-        EXPECT_EQ(list->get_Index(&index), S_OK);
-        return index;
-    }
-};
-
-using EnumeratorKinds = ::testing::Types<EnumCategoriesPtr, EnumClassesPtr>;
-TYPED_TEST_SUITE(Enumerator, EnumeratorKinds);
-
-TYPED_TEST(Enumerator, NextAndTheCursorWalkASnapshotAndClonesKeepThePosition) {
-    auto list = this->Open();
-    this->Open({COM_CLSID_Registry});  // added after the snapshot
+// Both enumerators share their cursor: the category list stands for both.
+TEST_F(CategoryManager, NextAndTheCursorWalkASnapshotAndClonesKeepThePosition) {
+    auto list = Open();
+    Open({COM_CLSID_Registry});  // added after the snapshot
     unsigned long count = kUnwrittenCount;
     EXPECT_EQ(list->get_Count(&count), S_OK);
     EXPECT_EQ(count, 3u);
@@ -168,7 +150,7 @@ TYPED_TEST(Enumerator, NextAndTheCursorWalkASnapshotAndClonesKeepThePosition) {
     EXPECT_EQ(Next(list.Get(), 2, S_OK), (Ids{kA, kB}));
     EXPECT_EQ(Next(list.Get(), 2, S_FALSE), Ids{kC});
     EXPECT_EQ(Next(list.Get(), 1, S_FALSE), Ids{});
-    EXPECT_EQ(this->IndexOf(list), 3u);
+    EXPECT_EQ(IndexOf(list.Get()), 3u);
     // A huge count on a short list hands out only what is left.
     ASSERT_EQ(list->set_Index(1), S_OK);
     EXPECT_EQ(Next(list.Get(), ULONG_MAX, S_FALSE), (Ids{kB, kC}));
@@ -178,11 +160,11 @@ TYPED_TEST(Enumerator, NextAndTheCursorWalkASnapshotAndClonesKeepThePosition) {
     for (unsigned long n : {2ul, ULONG_MAX, ULONG_MAX - 1}) EXPECT_EQ(list->Skip(n), S_FALSE);
     EXPECT_EQ(list->set_Index(3), S_FALSE);
     EXPECT_EQ(list->set_Index(ULONG_MAX), S_FALSE);
-    EXPECT_EQ(this->IndexOf(list), 1u);
+    EXPECT_EQ(IndexOf(list.Get()), 1u);
     EXPECT_EQ(list->Skip(1), S_OK);
-    EXPECT_EQ(this->IndexOf(list), 2u);
+    EXPECT_EQ(IndexOf(list.Get()), 2u);
     EXPECT_EQ(list->Reset(), S_OK);
-    EXPECT_EQ(this->IndexOf(list), 0u);
+    EXPECT_EQ(IndexOf(list.Get()), 0u);
     EXPECT_EQ(list->SkipEnd(), S_OK);
     EXPECT_EQ(Next(list.Get(), 1, S_OK), Ids{kC});
 
@@ -190,38 +172,47 @@ TYPED_TEST(Enumerator, NextAndTheCursorWalkASnapshotAndClonesKeepThePosition) {
     // once.
     ASSERT_EQ(list->Reset(), S_OK);
     ASSERT_EQ(Next(list.Get(), 1, S_OK), Ids{kA});
-    TypeParam clone;
+    EnumCategoriesPtr clone;
     ASSERT_EQ(list->Clone(clone.Out()), S_OK);
     EXPECT_EQ(RefCount(clone), 1u);
     EXPECT_EQ(Next(clone.Get(), 1, S_OK), Ids{kB});
-    EXPECT_EQ(this->IndexOf(list), 1u);
+    EXPECT_EQ(IndexOf(list.Get()), 1u);
     list.Reset();
     EXPECT_EQ(Next(clone.Get(), 1, S_OK), Ids{kC});
 }
 
-TYPED_TEST(Enumerator, EmptyListLeavesFetchedAloneAndNextStopsAtANameThatIsNotAnIdentifier) {
-    auto empty = this->Open({});
-    auto* element = Unwritten<typename TestFixture::Element>();
+TEST_F(CategoryManager, EmptyListLeavesFetchedAloneAndBothListsStopAtANameThatIsNotAnIdentifier) {
+    auto empty = Open({});
+    COM_CATEGORYINFO* element = Unwritten<COM_CATEGORYINFO>();
     unsigned long fetched = kUnwrittenCount;
     EXPECT_EQ(empty->Skip(0), S_FALSE);
     EXPECT_EQ(empty->SkipEnd(), S_OK);
-    EXPECT_EQ(this->IndexOf(empty), ULONG_MAX);
+    EXPECT_EQ(IndexOf(empty.Get()), ULONG_MAX);
     EXPECT_EQ(empty->Next(1, &element, &fetched), S_FALSE);
     EXPECT_EQ(fetched, kUnwrittenCount);
-    EXPECT_EQ(element, Unwritten<typename TestFixture::Element>());
+    EXPECT_EQ(element, Unwritten<COM_CATEGORYINFO>());
 
-    this->Open({kA});
+    // kA, the bad name and kC, in the category list and in kA's class list.
+    ASSERT_EQ(m_spCat->RegisterCategory(kA, L"listed"), S_OK);
+    ASSERT_EQ(m_spCat->RegisterClassInCategory(kA, kA), S_OK);
     RegistryPtr registry = Registry();
-    const std::wstring parent = this->kClasses ? L"ComponentCategories\\" + TextOf(kA)
-                                               : std::wstring(L"ComponentCategories");
-    ASSERT_EQ(registry->Open(1, parent.c_str()), S_OK);
-    ASSERT_EQ(registry->CreateKey(L"NotAnIdentifier", 0), S_OK);
-    auto list = this->Open({kC});
-    // What came before the bad name is handed out and counted.
-    EXPECT_EQ(Next(list.Get(), 3, E_INVALIDARG), Ids{kA});
-    EXPECT_EQ(this->IndexOf(list), 1u);
-    ASSERT_EQ(list->Skip(1), S_OK);
-    EXPECT_EQ(Next(list.Get(), 1, S_OK), Ids{kC});
+    for (const std::wstring& parent :
+         {std::wstring(L"ComponentCategories"), L"ComponentCategories\\" + TextOf(kA)}) {
+        ASSERT_EQ(registry->Open(1, parent.c_str()), S_OK);
+        ASSERT_EQ(registry->CreateKey(L"NotAnIdentifier", 0), S_OK);
+    }
+    ASSERT_EQ(m_spCat->RegisterClassInCategory(kA, kC), S_OK);
+    EnumClassesPtr classes;
+    ASSERT_EQ(m_spCat->EnumClassesOfCategory(kA, classes.Out()), S_OK);
+    auto stopsAtTheBadName = [](auto* list) {
+        // What came before the bad name is handed out and counted.
+        EXPECT_EQ(Next(list, 3, E_INVALIDARG), Ids{kA});
+        EXPECT_EQ(IndexOf(list), 1u);
+        ASSERT_EQ(list->Skip(1), S_OK);
+        EXPECT_EQ(Next(list, 1, S_OK), Ids{kC});
+    };
+    stopsAtTheBadName(Open({kC}).Get());
+    stopsAtTheBadName(classes.Get());
 }
 
 // Self-registration of a component whose widget class stands before its

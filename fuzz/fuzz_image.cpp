@@ -1,5 +1,6 @@
 // Any bytes that parse as a registry document the runtime can write: its
-// image must show a reader what the document shows, node for node. The same
+// image must show a reader what the document shows, node for node, and so
+// must the image a save appends to it after a change. The same
 // image, then damaged at places the bytes choose, must never make a read
 // leave the mapping: it is refused, or reads find the damage.
 #include <xercesc/framework/MemBufInputSource.hpp>
@@ -9,8 +10,8 @@
 
 #include <string>
 
-#include "../tests/imageSupport.h"
 #include "fuzzSupport.h"
+#include "imageSupport.h"
 #include "unix/regSaved.h"
 
 namespace {
@@ -47,17 +48,32 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (...) {
         return 0;
     }
-    const DOMDocument* document = parser.getDocument();
+    DOMDocument* document = parser.getDocument();
     CWritten written;
-    const bool built = document && BuildImage(document, written);
-    SavedSubtrees::Attach(nullptr);
-    if (!built) return 0;
+    if (!document || !BuildImage(document, written)) {
+        SavedSubtrees::Attach(nullptr);
+        return 0;
+    }
     imagetest::CImageFile file;
     file.Add(written);
-    const std::unique_ptr<CRegistryImage> image = file.Map();
+    std::unique_ptr<CRegistryImage> image = file.Map();
     FUZZ_CHECK(image != nullptr, "the image of a written document is refused");
-    const std::string problem = imagetest::Disagreement(document, *image);
+    std::string problem = imagetest::Disagreement(document, *image);
     FUZZ_CHECK(problem.empty(), "image and document disagree: %s", problem.c_str());
+
+    // A save after a change appends what changed and names every unchanged
+    // subtree where it stands: its image must show the changed document too.
+    DOMNode* key = document->getDocumentElement();
+    while (key->getLastChild()) key = key->getLastChild();
+    while (key->getNodeType() != DOMNode::ELEMENT_NODE) key = key->getParentNode();
+    SetValue(document, key, u"", u"string", u"changed");
+    FUZZ_CHECK(WriteDocument(document, file.Base(), written), "a changed document is not written");
+    SavedSubtrees::Attach(nullptr);
+    file.Add(written);
+    image = file.Map();
+    FUZZ_CHECK(image != nullptr, "the image of a changed document is refused");
+    problem = imagetest::Disagreement(document, *image);
+    FUZZ_CHECK(problem.empty(), "image and changed document disagree: %s", problem.c_str());
 
     Damage(file.Bytes(), data, size);
     if (const std::unique_ptr<CRegistryImage> damaged = file.Map()) imagetest::Disagreement(document, *damaged);

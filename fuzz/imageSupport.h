@@ -1,8 +1,8 @@
 // The registry's image beside the document it was made from: an image file
 // kept in memory as saves write it, and a node-by-node comparison of what a
-// reader of either form sees. Shared by the tests and the fuzz targets.
-#ifndef VELTCOM_TESTS_IMAGESUPPORT_H
-#define VELTCOM_TESTS_IMAGESUPPORT_H
+// reader of either form sees.
+#ifndef VELTCOM_FUZZ_IMAGESUPPORT_H
+#define VELTCOM_FUZZ_IMAGESUPPORT_H
 
 #include <unistd.h>
 

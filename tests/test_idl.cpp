@@ -29,7 +29,6 @@ TEST(IdlGenerated, DeclaredFacilityDecodesItsCodesWithTextsOfAnyLength) {
         HRESULT result;
         std::wstring text;
     } cases[] = {
-        {&sample, SAMPLE_S_AGAIN, S_OK, L"Done before [  7A0001]"},
         {&sample, static_cast<HRESULT>(0x807A0009u), S_FALSE,
          L"Unknown status of facility 0x7A [807A0009]"},
         {&longTexts, kLongTexts[0].code, S_OK, longText + L" [807A0003]"},

@@ -5,7 +5,6 @@
 
 #include <veltcom.h>
 
-// {5A1E0001-0000-4000-8000-0000000000A1}
 const COM_GUID IID_ICounter = {0x5A1E0001, 0x0000, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0xA1}};
 const COM_GUID CLSID_Counter = {0x5A1E0002, 0x0000, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0xA2}};
 const COM_GUID CLSID_NoUnload = {0x5A1E0003, 0x0000, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0xA3}};

@@ -64,7 +64,6 @@ TEST_F(ToolReg, RegistryOptionAndComlibChooseTheFile) {
 }
 
 TEST_F(ToolRegistryFile, EveryFileTheRuntimeWouldStopOnIsReportedNotAborted) {
-    CopyComponent(COMPONENT_testcounter);
     const std::vector<std::pair<std::string, std::string>> files = {
         {"<Software><Quorvane>\n<Version></Quorvane></Software>",
          "Registry.XML:2:12: fatal error: expected end of tag"},

@@ -45,8 +45,6 @@ TEST_F(TypeInfoTest, RegisteredInterfacesReadBackAsDeclaredAndGoWithTheComponent
     ASSERT_EQ(COM_GetErrorInfo(error.Out()), S_OK);
     ASSERT_EQ(error->GetLocation(&text), S_OK);
     EXPECT_EQ(Take(text), L"JCOM_API:COM_GetTypeInfo");
-    ASSERT_EQ(error->GetDescription(&text), S_OK);
-    EXPECT_EQ(Take(text).rfind(L"./libmissing.so: ", 0), 0u);
     RunOk({"reg", "delete", "1", "Interface\\" + Text(COM_IID_IMemory)});
 
     // The tool shows what the object answers, base interfaces included.

@@ -98,64 +98,53 @@ TEST(MemoryObject, WithoutStrategyCallsFailHarmlesslyButFlagsAreAnswered) {
     EXPECT_EQ(memory->GetHeapStatus(nullptr), E_POINTER);
 }
 
-TEST(MemoryObject, ReplacingTheStrategyOrReleasingTheObjectUnmapsArenasAndClearsCounts) {
-    MemoryPtr memory = NewMemory(ALLOCATION_STRATEGY_VIRTUAL, nullptr, 1 << 16);
-    char* p = static_cast<char*>(memory->Alloc(100));
-    ASSERT_TRUE(p && IsMapped(p - 8));  // the first block starts the arena's first page
+// Reset maps one fresh arena in place of all, and replacing the strategy or
+// releasing the object unmaps what is left.
+TEST(MemoryObject, ResetReplacingTheStrategyOrReleasingTheObjectUnmapsEveryArena) {
+    const UL page = 4096;
+    MemoryPtr memory = NewMemory(ALLOCATION_STRATEGY_VIRTUAL_REUSE, nullptr, page);
+    char* blocks[3];
+    for (char*& block : blocks) block = static_cast<char*>(memory->Alloc(page - 8)) - 8;  // one arena each
+    ASSERT_EQ(memory->Reset(), S_OK);
+    char* fresh = static_cast<char*>(memory->Alloc(8)) - 8;
+    for (char* old : blocks) EXPECT_TRUE(old == fresh || !IsMapped(old));
     ASSERT_EQ(memory->SetStrategy(ALLOCATION_STRATEGY_STANDARD, nullptr, 0), S_OK);
-    EXPECT_FALSE(IsMapped(p - 8));
+    EXPECT_FALSE(IsMapped(fresh));
     EXPECT_EQ(UsageOf(memory), Usage(S_OK, 0, 0, ~0UL, ~0UL));
-    ASSERT_EQ(memory->SetStrategy(ALLOCATION_STRATEGY_VIRTUAL_REUSE, nullptr, 4096), S_OK);
-    p = static_cast<char*>(memory->Alloc(8));
-    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(memory->SetStrategy(ALLOCATION_STRATEGY_VIRTUAL, nullptr, 1 << 16), S_OK);
+    fresh = static_cast<char*>(memory->Alloc(100)) - 8;
     memory.Reset();
-    EXPECT_FALSE(IsMapped(p - 8));
+    EXPECT_FALSE(IsMapped(fresh));
 }
 
-// Under the address sanitizer, a strategy that freed the caller's buffer would
-// be reported at the end.
+// No rounding, no alignment; a request beyond what remains, however large,
+// fails without moving anything or being counted. Under the address
+// sanitizer, a strategy that freed the caller's buffer would be reported at
+// the end.
 TEST(LinearStrategy, HundredByteBufferServesSixtyThenFortyFreeReclaimsNothingResetRewinds) {
     std::vector<char> buffer(100);
     MemoryPtr memory = NewMemory(ALLOCATION_STRATEGY_LINEAR, buffer.data(), buffer.size());
     EXPECT_EQ(memory->Alloc(60), buffer.data());
-    EXPECT_EQ(memory->Alloc(60), nullptr);
+    for (UL size : {~0UL, ~0UL - 59, ~0UL - 99, 1UL << 63, 41UL}) EXPECT_EQ(memory->Alloc(size), nullptr) << size;
     void* p = memory->Alloc(40);
-    EXPECT_EQ(p, buffer.data() + 60);  // no rounding, no alignment
-    EXPECT_EQ(memory->Alloc(1), nullptr);
+    EXPECT_EQ(p, buffer.data() + 60);
     memory->Free(nullptr);
     memory->Free(p);
-    // Failed requests and null frees do not count; a free gives nothing back.
+    // Null frees do not count; a free gives nothing back.
     EXPECT_EQ(UsageOf(memory), Usage(S_OK, 2, 1, 100, 0));
     EXPECT_EQ(FreeInfoOf(memory), FreeInfo(S_OK, 0, 0, 0));
     EXPECT_EQ(memory->Reset(), S_OK);
     EXPECT_EQ(UsageOf(memory), Usage(S_OK, 0, 0, 100, 100));
     EXPECT_EQ(memory->Alloc(100), buffer.data());
+    EXPECT_EQ(CLinearAllocationStrategy(nullptr, 100).GetAvailableMemory(), 0u);  // a null buffer is an empty one
     memory.Reset();
     buffer[99] = 1;
 }
 
-TEST(LinearStrategy, RefusesRequestsBeyondWhatRemainsWithoutMoving) {
-    char buffer[64];
-    CLinearAllocationStrategy linear(buffer, sizeof buffer);
-    EXPECT_EQ(linear.Alloc(3), buffer);
-    EXPECT_EQ(linear.Alloc(7), buffer + 3);
-    for (UL size : {~0UL, ~0UL - 9, ~0UL - 63, 1UL << 63, 55UL}) {
-        EXPECT_EQ(linear.Alloc(size), nullptr) << size;
-        EXPECT_EQ(linear.GetAvailableMemory(), 54u) << size;
-    }
-    EXPECT_EQ(linear.Alloc(54), buffer + 10);
-    EXPECT_EQ(CLinearAllocationStrategy(nullptr, 100).Alloc(1), nullptr);  // a null buffer holds nothing
-}
-
-TEST(StandardStrategy, ResetIsNotImplementedAndKeepsTheCounts) {
+TEST(StandardStrategy, WritesNoFreeInfoAndItsHeapStatusIsZero) {
     MemoryPtr memory = NewMemory(ALLOCATION_STRATEGY_STANDARD, reinterpret_cast<void*>(kUntouched), 3);
-    void* a = memory->Alloc(24);
-    memory->Free(memory->Alloc(1000));
-    EXPECT_EQ(memory->Reset(), E_NOTIMPL);
-    EXPECT_EQ(UsageOf(memory), Usage(S_OK, 2, 1, ~0UL, ~0UL));
     EXPECT_EQ(FreeInfoOf(memory), FreeInfo(E_NOTIMPL, kUntouched, kUntouched, kUntouched));
     HEAPSTATUS status = 7;
     EXPECT_EQ(memory->GetHeapStatus(&status), S_OK);
     EXPECT_EQ(status, 0);
-    memory->Free(a);
 }

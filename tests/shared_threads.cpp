@@ -70,7 +70,6 @@ using ThreadStress = ComponentTest;
 TEST_F(ThreadStress, SharedObjectsOfTheRuntime) {
     ErrorInfoPtr sharedError;
     ASSERT_EQ(COM_CreateErrorInfo(sharedError.Out()), S_OK);
-    // Decoded from the table and from the system's own texts.
     const uint32_t codes[] = {0x00000000, 0x00000001, 0x80004001, 0x80630001, 0x80620002,
                               0x8062000D, 0x80620016, 0x8062FFFF, 0x8007000E};
     std::vector<std::pair<HRESULT, std::wstring>> decoded;
@@ -104,14 +103,13 @@ TEST_F(ThreadStress, SharedObjectsOfTheRuntime) {
                 EXPECT_EQ(COM_ClearErrorInfo(), S_OK);
             }
         },
-        [&](int thread, int round) {
-            const unsigned n = round % kServiceNumbers;
-            for (unsigned k = 0; k < 3; ++k) {
+        [&](int thread, int) {
+            for (unsigned slot = 0; slot < 3 * kServiceNumbers; ++slot) {
+                const auto& [clsid, iid] = services[slot / kServiceNumbers];
                 UnknownPtr service;
-                ASSERT_EQ(
-                    COM_GetService(services[k].first, n, services[k].second, service.OutVoid()),
-                    S_OK);
-                seen[thread][k * kServiceNumbers + n] = service;
+                ASSERT_EQ(COM_GetService(clsid, slot % kServiceNumbers, iid, service.OutVoid()),
+                          S_OK);
+                seen[thread][slot] = service;
             }
             // Built-in activation, through the function and through a factory.
             MemoryPtr memory;

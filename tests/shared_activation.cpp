@@ -92,6 +92,7 @@ TEST_F(Activation, EachRegistrationGivesItsStatusOpensAndError) {
     std::filesystem::create_directory(PathOf("registry"));
     setenv("COMLIB", PathOf("registry").c_str(), 1);
     CopyComponent(COMPONENT_testnounload);
+    CopyComponent(COMPONENT_testfaulty);
     const COM_GUID other = {0x5A1E0099, 0, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0x99}};
     const std::wstring refused = L"./libtestcounter.so: refused, ";
     const std::wstring override = L"VELTCOM_ALLOW_INSECURE_LIBRARIES=1";
@@ -127,6 +128,8 @@ TEST_F(Activation, EachRegistrationGivesItsStatusOpensAndError) {
          CO_E_ERRORINDLL, {"./libtestnounload.so"}, L"<none>"},
         {"not remembered: opened again", CLSID_NoUnload, L"libtestnounload.so", [] {},
          CO_E_ERRORINDLL, {"./libtestnounload.so"}, L"<none>"},
+        {"the factory's own failure", CLSID_FailingFactory, L"libtestfaulty.so", [] {},
+         kFailingFactoryResult, {"./libtestfaulty.so"}},
         {"world-writable file", CLSID_Counter, L"/opt/app/libtestcounter.so",
          [this] { chmod(PathOf("libtestcounter.so").c_str(), 0666); }, CO_E_DLLNOTFOUND, {},
          refused, {L"the file is writable by every user", override}},

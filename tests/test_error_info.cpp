@@ -14,9 +14,9 @@ COM_IErrorInfo* const kUntouched = Unwritten<COM_IErrorInfo>();
 
 }  // namespace
 
-// A fresh object reads zeros and empty texts; a text is copied, and a null
-// or empty one keeps the previous text.
-TEST(ErrorInfo, FieldsStartEmptyAndTextsAreCopied) {
+// A fresh object reads zeros and empty texts; setters copy, and a null or
+// empty text keeps the previous one.
+TEST(ErrorInfo, FieldsStartEmptyAndSettersCopy) {
     ErrorInfoPtr info;
     ASSERT_EQ(COM_CreateErrorInfo(info.Out()), S_OK);
     int code = 7;
@@ -27,7 +27,7 @@ TEST(ErrorInfo, FieldsStartEmptyAndTextsAreCopied) {
     EXPECT_EQ(info->GetLocation(&location), S_OK);
     EXPECT_EQ(std::make_tuple(code, line, column, Take(location)), std::make_tuple(0, 0L, 0L, std::wstring()));
 
-    wchar_t text[] = L"first", empty[] = L"";
+    wchar_t text[] = L"first", empty[] = L"", where[] = L"JCOM_API:COM_CreateInstance";
     EXPECT_EQ(info->SetDescription(text), S_OK);
     text[0] = L'X';
     EXPECT_EQ(info->SetDescription(empty), S_OK);
@@ -35,6 +35,14 @@ TEST(ErrorInfo, FieldsStartEmptyAndTextsAreCopied) {
     wchar_t* description = Unwritten<wchar_t>();
     EXPECT_EQ(info->GetDescription(&description), S_OK);
     EXPECT_EQ(Take(description), L"first");
+    info->SetLocation(where);
+    info->SetLineInfo(12, -3);
+    info->SetHRESULT(E_FAIL);
+    info->GetLocation(&location);
+    info->GetLineInfo(&line, &column);
+    info->GetHRESULT(&code);
+    EXPECT_EQ(std::make_tuple(code, line, column, Take(location)),
+              std::make_tuple(E_FAIL, 12L, -3L, std::wstring(where)));
 }
 
 // Two interfaces only; each object holds one module lock while alive, and a

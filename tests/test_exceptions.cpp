@@ -32,6 +32,7 @@ TEST(Exceptions, EachClassWritesItsLabelAndDetail) {
         {Describe(CVXSystemException(-1)), L"System Exception-1: Unknown Exception-1"},
     };
     for (const auto& c : cases) EXPECT_EQ(c.first, c.second);
+    EXPECT_EQ(CVXSystemException(2).SystemError(), 2);
     EXPECT_STREQ(CVXException::s_rgModule, "");
 }
 

@@ -114,33 +114,28 @@ TEST(IdlErrors, MalformedDefinitionsAreRefusedWithMessageAndPlace) {
 }
 
 TEST(IdlCheck, ChangesThatBreakCallersOrImplementersAreTold) {
-    const std::string v1 =
-        "interface ICalc : COM_IUnknown { HRESULT Add([in] int32 a, [out] int32* b);"
-        " HRESULT Sub([in] int32 a); };\n";
+    const std::string calc = "interface ICalc : COM_IUnknown { ";
+    const std::string add = "HRESULT Add([in] int32 a, [out] int32* b); ";
+    const std::string sub = "HRESULT Sub([in] int32 a); ";
+    const std::string v1 = calc + add + sub + "};\n";
     const struct {
         std::string after;
         std::vector<std::string> breaking, compatible = {};
         std::string uuid = kUuid;
     } cases[] = {
-        {v1, {}, {}},
         {v1 + "[uuid(1E3F4A5B-6C7D-4E8F-9A0B-1C2D3E4F5A6B)] interface INew : ICalc {};",
          {},
          {"interface INew: added"}},
-        {"interface ICalc : COM_IUnknown { HRESULT Sub([in] int32 a);"
-         " HRESULT Add([in] int32 a, [out] int32* b); };",
+        {calc + sub + add + "};",
          {"interface ICalc, slot 1: method Add replaced by Sub",
           "interface ICalc, slot 2: method Sub replaced by Add"}},
-        {"interface ICalc : COM_IUnknown { HRESULT Add([in] int32 a, [out] int32* b); };",
-         {"interface ICalc, slot 2: method Sub removed"}},
-        {"interface ICalc : COM_IUnknown { HRESULT Add([in] int64 a, [out] int32* b);"
-         " HRESULT Sub([in] int32 a); };",
+        {calc + add + "};", {"interface ICalc, slot 2: method Sub removed"}},
+        {calc + "HRESULT Add([in] int64 a, [out] int32* b); " + sub + "};",
          {"interface ICalc, slot 1: method Add changed from ([in] int32, [out] int32*) to "
           "([in] int64, [out] int32*)"}},
-        {"interface ICalc : COM_IUnknown { HRESULT Add([in] int32 a, [out] int32* b);"
-         " HRESULT Sub([in] int32 a); HRESULT Mul(); };",
+        {calc + add + sub + "HRESULT Mul(); };",
          {"interface ICalc, slot 3: method Mul added to a published interface"}},
-        {"interface IOther : COM_IUnknown { HRESULT Add([in] int32 a, [out] int32* b);"
-         " HRESULT Sub([in] int32 a); };",
+        {"interface IOther : COM_IUnknown { " + add + sub + "};",
          {"interface ICalc {6B0C3F52-1D7E-4F3A-9C2B-0A1B2C3D4E5F}: the uuid now names IOther"}},
         // A moved uuid is one line, not a removal and an addition.
         {v1,

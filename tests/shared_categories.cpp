@@ -123,8 +123,7 @@ TEST_F(CategoryManager, RecordsHoldTheCurrentDescriptionCutToFitAndFailAtOneWith
     ASSERT_EQ(m_spCat->RegisterCategory(kA, L"Before"), S_OK);
     ASSERT_EQ(m_spCat->RegisterCategory(kB, longer.c_str()), S_OK);
     ASSERT_EQ(m_spCat->RegisterClassInCategory(kC, kA), S_OK);
-    EnumCategoriesPtr categories;
-    ASSERT_EQ(m_spCat->EnumCategories(categories.Out()), S_OK);
+    auto categories = Open({});
     // Descriptions are read when a record is made, not when the list is.
     ASSERT_EQ(m_spCat->RegisterCategory(kA, L"After"), S_OK);
 

@@ -4,8 +4,8 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <iterator>
 #include <map>
-#include <sstream>
 
 #include "idl.h"
 #include "idlSample.h"
@@ -35,9 +35,7 @@ TEST(IdlGenerated, FacilityDecoderGivesUndeclaredCodesTheGenericTextAndKeepsLong
 std::shared_ptr<idl::Definitions> ParseText(const std::string& text, idl::Error& error,
                                             std::map<std::string, std::string> others = {}) {
     std::ifstream runtime(VELTCOM_IDL_PATH);
-    std::stringstream runtimeText;
-    runtimeText << runtime.rdbuf();
-    others["veltcom.idl"] = runtimeText.str();
+    others["veltcom.idl"].assign(std::istreambuf_iterator<char>(runtime), {});
     const idl::Resolver resolve = [&](const std::string& name, const std::string&) {
         return others.count(name) ? name : "";
     };

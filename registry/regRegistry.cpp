@@ -371,6 +371,11 @@ HRESULT CXMLRegistry::UpdateRegistryOnDisk() {
 // An operation that finds the image damaged runs again on the file.
 template <class Operation>
 HRESULT CXMLRegistry::Locked(Operation operation) {
+    // A thread's first use of its current key registers the key's destructor,
+    // which takes the dynamic loader's lock. It happens before the registry's
+    // lock is taken: a library constructor that uses the registry holds the
+    // loader's lock while it waits for the registry's.
+    static_cast<void>(t_currentKey.node);
     std::lock_guard<std::mutex> lock(m_mutex);
     try {
         return Guarded(operation);

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -55,12 +54,9 @@ std::vector<std::string> Leftovers(const std::string& directory) {
 
 // Resident memory of this process, in bytes.
 long ResidentBytes() {
-    long pages = 0, resident = 0;
-    FILE* statm = std::fopen("/proc/self/statm", "r");
-    if (!statm) return -1;
-    const bool read = std::fscanf(statm, "%ld %ld", &pages, &resident) == 2;
-    std::fclose(statm);
-    return read ? resident * sysconf(_SC_PAGESIZE) : -1;
+    long pages = 0, resident = -1;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
 }
 
 class RegistryDurability : public TempDirTest {};

@@ -49,6 +49,12 @@ struct COM_InterfaceTraits<COM_IDecodeHResult> {
 };
 
 template <>
+struct COM_InterfaceTraits<COM_IMonikerData> {
+    using Base = COM_IUnknown;
+    static const COM_GUID& iid() { return COM_IID_IMonikerData; }
+};
+
+template <>
 struct COM_InterfaceTraits<COM_ITypeInfo> {
     using Base = COM_IUnknown;
     static const COM_GUID& iid() { return COM_IID_ITypeInfo; }

@@ -7,14 +7,6 @@
 
 #include "decoderComponents.h"
 
-#ifdef RECORDING_DECODER
-template <>
-struct COM_InterfaceTraits<COM_IMonikerData> {
-    using Base = COM_IUnknown;
-    static const COM_GUID& iid() { return COM_IID_IMonikerData; }
-};
-#endif
-
 namespace {
 
 #ifdef RECORDING_DECODER

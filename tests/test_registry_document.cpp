@@ -105,7 +105,7 @@ protected:
 
 TEST_F(RegistryDocument, PathsMatchTheFirstChildOfAnyTypeAndEmptyPiecesNothing) {
     Load("<r>text<A n='1'><B/></A><A n='2'/></r>");
-    DOMNode* const untouched = reinterpret_cast<DOMNode*>(0xdeadbeef);
+    DOMNode* const untouched = Unwritten<DOMNode>();
     DOMNode* found = untouched;
     ASSERT_EQ(ResolveKey(m_root, u"A\\B", &found), 1);
     EXPECT_EQ(RegString(found->getNodeName()), u"B");
@@ -273,7 +273,7 @@ TEST(RegistryEnumItems, CodesPositionsAndClones) {
     const int locks = g_theModule.GetLockCount();
     EnumPtr e = MakeEnum({L"a", nullptr, L"c"});
     EXPECT_EQ(g_theModule.GetLockCount(), locks + 1);
-    void* out = reinterpret_cast<void*>(0xdeadbeef);
+    void* out = Unwritten<void>();
     EXPECT_EQ(e->QueryInterface(COM_IID_IRegistry, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     ASSERT_EQ(e->QueryInterface(COM_IID_IUnknown, &out), S_OK);

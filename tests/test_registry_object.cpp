@@ -50,7 +50,7 @@ protected:
 
     HRESULT Create() {
         s_bCreated = true;
-        void* out = reinterpret_cast<void*>(0xdeadbeef);
+        void* out = Unwritten<void>();
         const HRESULT hr = CXMLRegistry::CreateInstance(COM_IID_IRegistry, &out);
         if (SUCCEEDED(hr)) m_reg.Attach(static_cast<COM_IRegistry*>(out));
         EXPECT_TRUE(SUCCEEDED(hr) || out == nullptr);
@@ -114,7 +114,7 @@ TEST_F(RegistryObject, UnusableLocationsFailAndAMissingFileIsMadeInComlib) {
     EXPECT_EQ(g_theModule.GetLockCount(), locks + 1);
     EXPECT_EQ(m_reg->Release(), 1u);
     EXPECT_EQ(g_theModule.GetLockCount(), locks);
-    void* out = reinterpret_cast<void*>(0xdeadbeef);
+    void* out = Unwritten<void>();
     EXPECT_EQ(CXMLRegistry::CreateInstance(COM_IID_IEnumBSTR, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(CXMLRegistry::CreateInstance(COM_IID_IRegistry, nullptr), E_POINTER);
